@@ -1,0 +1,239 @@
+// SPDX-License-Identifier: MIT
+//
+// The table of the module "network/zarn_util": its record, with the 77 operations in the order that is its interface.
+//
+// A client acquires the module from the loader, keeps the pointer and calls through it:
+//
+//     zarn_util_module_t *util;
+//     if (kern_module_acquire(ZARN_UTIL_MODULE_NAME, (void **)&util) != 0) return -1;
+//     zarn_data_t *packet = util->new_zarn_data();
+
+#ifndef ZARN_UTIL_H
+#define ZARN_UTIL_H
+
+#include <stddef.h>
+#include <stdint.h>
+
+#include <zarn/memory_run.h>
+#include <zarn/module.h>
+#include <zarn/status.h>
+#include <zarn/zarn_data.h>
+#include <zarn/zarn_endpoint.h>
+#include <zarn/zarn_fifo.h>
+#include <zarn/zarn_rwlock.h>
+#include <zarn/zarn_tallylock.h>
+#include <zarn/zarn_timer.h>
+
+#ifdef __cplusplus
+extern "C" {
+#endif
+
+#define ZARN_UTIL_MODULE_NAME "network/zarn_util"
+
+typedef struct mempool_t mempool_t;
+typedef struct address_spec address_spec;
+
+typedef struct zarn_util_module_t {
+    module_head head;
+
+    // Buffers
+    zarn_data_t *(*new_zarn_data)(void);
+    void (*delete_zarn_data)(zarn_data_t *data);
+    void (*isafe_delete_zarn_data)(zarn_data_t *data);
+    int32_t (*add_free_element)(zarn_data_t *data, void *element, void *ext_arg, zarn_free_func free_func,
+                                uint16_t flags);
+    int32_t (*copy_zarn_data)(zarn_data_t *dst, zarn_data_t *src, uint32_t offset, uint32_t length);
+    int32_t (*clone_zarn_data)(zarn_data_t *dst, zarn_data_t *src, uint32_t offset, uint32_t length);
+    int32_t (*coalesce_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
+    int32_t (*prepend_zarn_data)(zarn_data_t *data, void *addr, uint32_t length, zarn_free_func free_func);
+    int32_t (*append_zarn_data)(zarn_data_t *data, void *addr, uint32_t length, zarn_free_func free_func);
+    int32_t (*insert_zarn_data)(zarn_data_t *data, uint32_t offset, void *addr, uint32_t length,
+                                zarn_free_func free_func);
+    int32_t (*trim_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
+    int32_t (*get_data_memory_map)(zarn_data_t *data, memory_run *table, uint32_t count, uint8_t no_fault);
+    uint32_t (*get_zarn_data_iovecs)(zarn_data_t *data, zarn_iovec *table, uint32_t count);
+    uint32_t (*count_zarn_data_iovecs)(zarn_data_t *data);
+    uint32_t (*copy_from_zarn_data)(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);
+    int32_t (*map_to_zarn_data)(zarn_data_t *data, uint32_t offset, void **out, uint32_t length);
+    int32_t (*disassociate_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
+
+    // Internet checksums
+    uint32_t (*get_zarn_data_checksum)(zarn_data_t *data, uint32_t offset, uint32_t length);
+    uint32_t (*copy_and_checksum_data)(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);
+    uint32_t (*get_zarn_checksum)(const void *buf, uint32_t length, uint16_t seed);
+    uint32_t (*incremental_checksum)(uint16_t checksum, uint16_t old_word, uint16_t new_word);
+
+    // Wiring of buffers
+    lock_token *(*lock_zarn_data)(zarn_data_t *data);
+    void (*unlock_zarn_data)(lock_token *token);
+
+    // Tallylocks
+    int32_t (*zarn_create_tallylock)(zarn_tallylock_t *lock, const char *name);
+    int32_t (*zarn_delete_tallylock)(zarn_tallylock_t *lock);
+    int32_t (*zarn_lock_tallylock)(zarn_tallylock_t *lock);
+    int32_t (*zarn_unlock_tallylock)(zarn_tallylock_t *lock);
+
+    // Timers
+    zarn_timer_t *(*create_zarn_timer)(zarn_timer_hook hook, void *arg);
+    void (*delete_zarn_timer)(zarn_timer_t *timer);
+    void (*zarn_set_timer_hook)(zarn_timer_t *timer, zarn_timer_hook hook, void *arg);
+    void (*zarn_set_timer)(zarn_timer_t *timer, int64_t delay, uint8_t replace);
+    void (*zarn_cancel_timer)(zarn_timer_t *timer);
+    int64_t (*zarn_timer_appointment)(zarn_timer_t *timer);
+
+    // Read-write locks
+    int32_t (*create_rwlock)(rwlock_t *lock, const char *name);
+    int32_t (*delete_rwlock)(rwlock_t *lock);
+    int32_t (*read_lock)(rwlock_t *lock);
+    int32_t (*read_unlock)(rwlock_t *lock);
+    int32_t (*write_lock)(rwlock_t *lock);
+    int32_t (*write_unlock)(rwlock_t *lock);
+    int32_t (*upgrade_to_write)(rwlock_t *lock);
+    int32_t (*downgrade_to_read)(rwlock_t *lock);
+
+    // FIFOs of buffers
+    int32_t (*create_zarn_fifo)(zarn_fifo_t *fifo, const char *name, uint32_t limit);
+    void (*delete_zarn_fifo)(zarn_fifo_t *fifo);
+    int32_t (*enqueue_zarn_fifo_data)(zarn_fifo_t *fifo, zarn_data_t *data);
+    int32_t (*dequeue_zarn_fifo_data)(zarn_fifo_t *fifo, zarn_data_t **out, int64_t timeout, uint8_t peek);
+    int32_t (*clear_zarn_fifo)(zarn_fifo_t *fifo);
+
+    // Bytes under a mask
+    int32_t (*zarn_masked_cmp)(const void *a, const void *b, const void *mask, int32_t length);
+    void (*zarn_masked_copy)(void *dst, const void *src, const void *mask, int32_t length);
+
+    // The roster
+    int32_t (*get_outbound_protos)(uint8_t dl, int32_t family, int32_t key1, int32_t key2, void ***tables,
+                                   int32_t *count);
+    int32_t (*get_inbound_proto)(int32_t family, int32_t key2, void **table);
+    int32_t (*get_family_ref)(int32_t family);
+    int32_t (*release_family_ref)(int32_t family);
+
+    // Flat settings
+    int32_t (*get_config_int32)(const char *key, int32_t default_value);
+    uint8_t (*get_config_bool)(const char *key, uint8_t default_value);
+
+    // The allocator and pools of the client's own
+    void *(*zarn_falloc)(uint32_t size);
+    void *(*zarn_zalloc)(uint32_t size);
+    void *(*zarn_malloc)(uint32_t size);
+    void (*zarn_free)(void *block);
+    mempool_t *(*new_mempool)(void *base, uint32_t block_size, int32_t count);
+    void (*delete_mempool)(mempool_t *pool);
+    void *(*mp_alloc)(mempool_t *pool);
+    void (*mp_free)(mempool_t *pool, void *block);
+
+    // The address cache
+    address_spec *(*cache_address_spec)(void *addr, uint32_t length, int32_t thread);
+    void (*free_address_spec)(address_spec *spec);
+    int32_t (*get_cached_memory_map)(void *addr, uint32_t length, memory_run *table, uint32_t count);
+
+    // The profiler
+    void (*_enter_prof_func)(const char *prefix, const char *suffix, int32_t flags);
+    void (*_exit_prof_func)(const char *prefix, const char *suffix, int32_t flags);
+
+    // Kept for their positions: they do nothing
+    void (*log_data_path)(void);
+    void (*print_memuse)(void);
+
+    // Endpoints
+    int32_t (*ep_new_endpoint)(zarn_endpoint_t **out, int32_t family, int32_t key1, int32_t key2);
+    void (*ep_delete_endpoint)(zarn_endpoint_t *ep);
+    zarn_endpoint_t *(*ep_spawn_endpoint)(zarn_endpoint_t *parent);
+    zarn_endpoint_t *(*ep_dequeue_endpoint)(zarn_endpoint_t *listener);
+    void (*ep_ready_endpoint)(zarn_endpoint_t *child);
+    int32_t (*ep_set_backlog)(zarn_endpoint_t *listener, uint32_t backlog);
+    int32_t (*ep_notify_endpoint)(zarn_endpoint_t *ep, uint32_t event, uint32_t value);
+
+    // Notifications
+    int32_t (*zarn_notify)(uint32_t kind, uint32_t detail, void *payload, uint32_t length);
+} zarn_util_module_t;
+
+#ifdef __cplusplus
+}
+
+// Clients call by position: nothing is ever reordered or inserted. Position 1 stands behind the three words of the head.
+#define ZARN_UTIL_POSITION(position, operation) \
+    static_assert(offsetof(zarn_util_module_t, operation) == (2 + (position)) * sizeof(void *))
+ZARN_UTIL_POSITION(1, new_zarn_data);
+ZARN_UTIL_POSITION(2, delete_zarn_data);
+ZARN_UTIL_POSITION(3, isafe_delete_zarn_data);
+ZARN_UTIL_POSITION(4, add_free_element);
+ZARN_UTIL_POSITION(5, copy_zarn_data);
+ZARN_UTIL_POSITION(6, clone_zarn_data);
+ZARN_UTIL_POSITION(7, coalesce_zarn_data);
+ZARN_UTIL_POSITION(8, prepend_zarn_data);
+ZARN_UTIL_POSITION(9, append_zarn_data);
+ZARN_UTIL_POSITION(10, insert_zarn_data);
+ZARN_UTIL_POSITION(11, trim_zarn_data);
+ZARN_UTIL_POSITION(12, get_data_memory_map);
+ZARN_UTIL_POSITION(13, get_zarn_data_iovecs);
+ZARN_UTIL_POSITION(14, count_zarn_data_iovecs);
+ZARN_UTIL_POSITION(15, copy_from_zarn_data);
+ZARN_UTIL_POSITION(16, map_to_zarn_data);
+ZARN_UTIL_POSITION(17, disassociate_zarn_data);
+ZARN_UTIL_POSITION(18, get_zarn_data_checksum);
+ZARN_UTIL_POSITION(19, copy_and_checksum_data);
+ZARN_UTIL_POSITION(20, get_zarn_checksum);
+ZARN_UTIL_POSITION(21, incremental_checksum);
+ZARN_UTIL_POSITION(22, lock_zarn_data);
+ZARN_UTIL_POSITION(23, unlock_zarn_data);
+ZARN_UTIL_POSITION(24, zarn_create_tallylock);
+ZARN_UTIL_POSITION(25, zarn_delete_tallylock);
+ZARN_UTIL_POSITION(26, zarn_lock_tallylock);
+ZARN_UTIL_POSITION(27, zarn_unlock_tallylock);
+ZARN_UTIL_POSITION(28, create_zarn_timer);
+ZARN_UTIL_POSITION(29, delete_zarn_timer);
+ZARN_UTIL_POSITION(30, zarn_set_timer_hook);
+ZARN_UTIL_POSITION(31, zarn_set_timer);
+ZARN_UTIL_POSITION(32, zarn_cancel_timer);
+ZARN_UTIL_POSITION(33, zarn_timer_appointment);
+ZARN_UTIL_POSITION(34, create_rwlock);
+ZARN_UTIL_POSITION(35, delete_rwlock);
+ZARN_UTIL_POSITION(36, read_lock);
+ZARN_UTIL_POSITION(37, read_unlock);
+ZARN_UTIL_POSITION(38, write_lock);
+ZARN_UTIL_POSITION(39, write_unlock);
+ZARN_UTIL_POSITION(40, upgrade_to_write);
+ZARN_UTIL_POSITION(41, downgrade_to_read);
+ZARN_UTIL_POSITION(42, create_zarn_fifo);
+ZARN_UTIL_POSITION(43, delete_zarn_fifo);
+ZARN_UTIL_POSITION(44, enqueue_zarn_fifo_data);
+ZARN_UTIL_POSITION(45, dequeue_zarn_fifo_data);
+ZARN_UTIL_POSITION(46, clear_zarn_fifo);
+ZARN_UTIL_POSITION(47, zarn_masked_cmp);
+ZARN_UTIL_POSITION(48, zarn_masked_copy);
+ZARN_UTIL_POSITION(49, get_outbound_protos);
+ZARN_UTIL_POSITION(50, get_inbound_proto);
+ZARN_UTIL_POSITION(51, get_family_ref);
+ZARN_UTIL_POSITION(52, release_family_ref);
+ZARN_UTIL_POSITION(53, get_config_int32);
+ZARN_UTIL_POSITION(54, get_config_bool);
+ZARN_UTIL_POSITION(55, zarn_falloc);
+ZARN_UTIL_POSITION(56, zarn_zalloc);
+ZARN_UTIL_POSITION(57, zarn_malloc);
+ZARN_UTIL_POSITION(58, zarn_free);
+ZARN_UTIL_POSITION(59, new_mempool);
+ZARN_UTIL_POSITION(60, delete_mempool);
+ZARN_UTIL_POSITION(61, mp_alloc);
+ZARN_UTIL_POSITION(62, mp_free);
+ZARN_UTIL_POSITION(63, cache_address_spec);
+ZARN_UTIL_POSITION(64, free_address_spec);
+ZARN_UTIL_POSITION(65, get_cached_memory_map);
+ZARN_UTIL_POSITION(66, _enter_prof_func);
+ZARN_UTIL_POSITION(67, _exit_prof_func);
+ZARN_UTIL_POSITION(68, log_data_path);
+ZARN_UTIL_POSITION(69, print_memuse);
+ZARN_UTIL_POSITION(70, ep_new_endpoint);
+ZARN_UTIL_POSITION(71, ep_delete_endpoint);
+ZARN_UTIL_POSITION(72, ep_spawn_endpoint);
+ZARN_UTIL_POSITION(73, ep_dequeue_endpoint);
+ZARN_UTIL_POSITION(74, ep_ready_endpoint);
+ZARN_UTIL_POSITION(75, ep_set_backlog);
+ZARN_UTIL_POSITION(76, ep_notify_endpoint);
+ZARN_UTIL_POSITION(77, zarn_notify);
+#undef ZARN_UTIL_POSITION
+static_assert(sizeof(zarn_util_module_t) == 80 * sizeof(void *));
+#endif
+
+#endif

@@ -1,0 +1,35 @@
+// SPDX-License-Identifier: MIT
+//
+// Every C library function that the module may call. It includes no header of a C library, so that a kernel which
+// brings its own only has to resolve these symbols; the test of the built module's symbols reads this list.
+
+#ifndef ZARN_PLATFORM_LIBC_H
+#define ZARN_PLATFORM_LIBC_H
+
+#include <stddef.h>
+
+#ifdef __cplusplus
+extern "C" {
+#define ZARN_LIBC_NOTHROW noexcept
+#else
+#define ZARN_LIBC_NOTHROW
+#endif
+
+void *malloc(size_t size) ZARN_LIBC_NOTHROW;
+void *calloc(size_t count, size_t size) ZARN_LIBC_NOTHROW;
+void free(void *block) ZARN_LIBC_NOTHROW;
+char *strdup(const char *text) ZARN_LIBC_NOTHROW;
+
+void *memcpy(void *dest, const void *src, size_t size) ZARN_LIBC_NOTHROW;
+void *memset(void *dest, int value, size_t size) ZARN_LIBC_NOTHROW;
+
+int strcmp(const char *a, const char *b) ZARN_LIBC_NOTHROW;
+long strtol(const char *text, char **end, int base) ZARN_LIBC_NOTHROW;
+unsigned long strtoul(const char *text, char **end, int base) ZARN_LIBC_NOTHROW;
+
+#ifdef __cplusplus
+}
+#endif
+#undef ZARN_LIBC_NOTHROW
+
+#endif
