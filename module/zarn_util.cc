@@ -2,8 +2,153 @@
 //
 // The module record: the table of operations, and the order in which the services start and stop.
 
+#include "module/zarn_util.h"
+
 #include <zarn/zarn_util.h>
 
-static zarn_util_module_t gZarnUtilModule = {};
+#include "module/allocator.h"
+#include "module/tallylock.h"
+#include "platform/kern.h"
+
+// The services, in the order of their start. The stop goes backwards: the memory goes last, after all that
+// allocate from it.
+struct service {
+    int32_t (*start)();
+    int32_t (*stop)();
+};
+
+static constexpr service kServices[] = {
+    {init_mempool, uninit_mempool},
+};
+static constexpr int32_t kServiceCount = sizeof(kServices) / sizeof(kServices[0]);
+
+// Stops the first `count` services, the latest first.
+static int32_t stop_services(int32_t count) {
+    int32_t status = 0;
+    while (count > 0)
+        status = kServices[--count].stop();
+    return status;
+}
+
+int32_t init_pools() {
+    for (int32_t i = 0; i < kServiceCount; ++i) {
+        int32_t status = kServices[i].start();
+        if (status < 0) {
+            stop_services(i);
+            return status;
+        }
+    }
+    return 0;
+}
+
+int32_t uninit_pools() {
+    return stop_services(kServiceCount);
+}
+
+int32_t init_util() {
+    return init_pools() == 0 ? 0 : -1;
+}
+
+int32_t uninit_util() {
+    uninit_pools();
+    return 0;
+}
+
+int32_t std_ops(int32_t op) {
+    switch (op) {
+        case MODULE_START:
+            return init_util();
+        case MODULE_STOP:
+            return uninit_util();
+        default:
+            return -1;
+    }
+}
+
+// Clients of old hold these two positions; neither ever did anything that they could rely on.
+static void log_data_path() {}
+static void print_memuse() {}
+
+// Positions that are null belong to services that this module does not have.
+static const zarn_util_module_t gZarnUtilModule = {
+    .head = {.name = ZARN_UTIL_MODULE_NAME, .flags = 0, .std_ops = std_ops},
+    .new_zarn_data = nullptr,
+    .delete_zarn_data = nullptr,
+    .isafe_delete_zarn_data = nullptr,
+    .add_free_element = nullptr,
+    .copy_zarn_data = nullptr,
+    .clone_zarn_data = nullptr,
+    .coalesce_zarn_data = nullptr,
+    .prepend_zarn_data = nullptr,
+    .append_zarn_data = nullptr,
+    .insert_zarn_data = nullptr,
+    .trim_zarn_data = nullptr,
+    .get_data_memory_map = nullptr,
+    .get_zarn_data_iovecs = nullptr,
+    .count_zarn_data_iovecs = nullptr,
+    .copy_from_zarn_data = nullptr,
+    .map_to_zarn_data = nullptr,
+    .disassociate_zarn_data = nullptr,
+    .get_zarn_data_checksum = nullptr,
+    .copy_and_checksum_data = nullptr,
+    .get_zarn_checksum = nullptr,
+    .incremental_checksum = nullptr,
+    .lock_zarn_data = nullptr,
+    .unlock_zarn_data = nullptr,
+    .zarn_create_tallylock = zarn_create_tallylock,
+    .zarn_delete_tallylock = zarn_delete_tallylock,
+    .zarn_lock_tallylock = zarn_lock_tallylock,
+    .zarn_unlock_tallylock = zarn_unlock_tallylock,
+    .create_zarn_timer = nullptr,
+    .delete_zarn_timer = nullptr,
+    .zarn_set_timer_hook = nullptr,
+    .zarn_set_timer = nullptr,
+    .zarn_cancel_timer = nullptr,
+    .zarn_timer_appointment = nullptr,
+    .create_rwlock = nullptr,
+    .delete_rwlock = nullptr,
+    .read_lock = nullptr,
+    .read_unlock = nullptr,
+    .write_lock = nullptr,
+    .write_unlock = nullptr,
+    .upgrade_to_write = nullptr,
+    .downgrade_to_read = nullptr,
+    .create_zarn_fifo = nullptr,
+    .delete_zarn_fifo = nullptr,
+    .enqueue_zarn_fifo_data = nullptr,
+    .dequeue_zarn_fifo_data = nullptr,
+    .clear_zarn_fifo = nullptr,
+    .zarn_masked_cmp = nullptr,
+    .zarn_masked_copy = nullptr,
+    .get_outbound_protos = nullptr,
+    .get_inbound_proto = nullptr,
+    .get_family_ref = nullptr,
+    .release_family_ref = nullptr,
+    .get_config_int32 = nullptr,
+    .get_config_bool = nullptr,
+    .zarn_falloc = zarn_falloc,
+    .zarn_zalloc = zarn_zalloc,
+    .zarn_malloc = zarn_malloc,
+    .zarn_free = zarn_free,
+    .new_mempool = new_mempool,
+    .delete_mempool = delete_mempool,
+    .mp_alloc = mp_alloc,
+    .mp_free = mp_free,
+    .cache_address_spec = nullptr,
+    .free_address_spec = nullptr,
+    .get_cached_memory_map = nullptr,
+    ._enter_prof_func = nullptr,
+    ._exit_prof_func = nullptr,
+    .log_data_path = log_data_path,
+    .print_memuse = print_memuse,
+    .ep_new_endpoint = nullptr,
+    .ep_delete_endpoint = nullptr,
+    .ep_spawn_endpoint = nullptr,
+    .ep_dequeue_endpoint = nullptr,
+    .ep_ready_endpoint = nullptr,
+    .ep_set_backlog = nullptr,
+    .ep_notify_endpoint = nullptr,
+    .zarn_notify = nullptr,
+};
 
 extern "C" __attribute__((visibility("default"))) const void *const modules[] = {&gZarnUtilModule, nullptr};

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the module asks of the kernel. A port supplies these operations, those of platform/skiplist.h and the few C library
-// functions of platform/libc.h, and nothing else.
+// What the module asks of the kernel. A port supplies these operations, those of platform/skiplist.h and the
+// few C library functions of platform/libc.h, and nothing else.
 
 #ifndef ZARN_PLATFORM_KERN_H
 #define ZARN_PLATFORM_KERN_H
@@ -11,7 +11,8 @@
 #include <zarn/memory_run.h>
 
 #if defined(__BYTE_ORDER__) && __BYTE_ORDER__ != __ORDER_LITTLE_ENDIAN__
-#error "zarn_util supports little-endian targets only: its checksums and masked comparisons read words in host order"
+#error \
+    "zarn_util supports little-endian targets only: its checksums and masked comparisons read words in host order"
 #endif
 
 #ifdef __cplusplus
@@ -58,8 +59,8 @@ int32_t kern_sleep_us(int64_t microseconds);
 int64_t kern_time_us(void);
 
 // Memory
-int32_t kern_region_create(const char *name, void **address, uint32_t address_spec, uint32_t size, uint32_t lock_mode,
-                           uint32_t protection);
+int32_t kern_region_create(const char *name, void **address, uint32_t address_spec, uint32_t size,
+                           uint32_t lock_mode, uint32_t protection);
 int32_t kern_region_delete(int32_t region);
 int32_t kern_memory_lock(void *address, uint32_t length, uint32_t flags);
 int32_t kern_memory_unlock(void *address, uint32_t length, uint32_t flags);
@@ -81,7 +82,8 @@ typedef struct settings_tree {
 
 void *kern_settings_load(const char *name);
 int32_t kern_settings_unload(void *handle);
-const char *kern_settings_string(void *handle, const char *key, const char *if_unknown, const char *if_no_value);
+const char *kern_settings_string(void *handle, const char *key, const char *if_unknown,
+                                 const char *if_no_value);
 uint8_t kern_settings_bool(void *handle, const char *key, uint8_t if_unknown, uint8_t if_no_value);
 const settings_tree *kern_settings_tree(void *handle);
 

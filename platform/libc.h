@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// Every C library function that the module may call. It includes no header of a C library, so that a kernel which
-// brings its own only has to resolve these symbols; the test of the built module's symbols reads this list.
+// Every C library function that the module may call. It includes no header of a C library, so that a kernel
+// which brings its own only has to resolve these symbols; the test of the built module's symbols reads this
+// list.
 
 #ifndef ZARN_PLATFORM_LIBC_H
 #define ZARN_PLATFORM_LIBC_H

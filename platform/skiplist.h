@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// An ordered list of the caller's items with searches in O(log n). The list holds pointers and owns nothing but its nodes.
+// An ordered list of the caller's items with searches in O(log n). The list holds pointers and owns nothing
+// but its nodes.
 
 #ifndef ZARN_PLATFORM_SKIPLIST_H
 #define ZARN_PLATFORM_SKIPLIST_H
@@ -13,8 +14,8 @@ extern "C" {
 
 typedef struct skiplist skiplist;
 
-skiplist *skiplist_new(int32_t (*compare)(const void *item, const void *key), int32_t (*free_item)(void *item),
-                       uint32_t flags);
+skiplist *skiplist_new(int32_t (*compare)(const void *item, const void *key),
+                       int32_t (*free_item)(void *item), uint32_t flags);
 void skiplist_free(skiplist *list);
 int32_t skiplist_insert(skiplist *list, void *item);
 int32_t skiplist_delete(skiplist *list, const void *key);

@@ -2,9 +2,10 @@
 //
 // What every module of the stack shares with the kernel's module loader.
 //
-// A module is one shared object that exports the symbol `modules`: an array of pointers to module records, ended
-// by a null pointer. A record starts with a `module_head`; the operations of the module follow. The loader hands
-// clients the address of the record itself, so the order of what follows the head is the module's call interface.
+// A module is one shared object that exports the symbol `modules`: an array of pointers to module records,
+// ended by a null pointer. A record starts with a `module_head`; the operations of the module follow. The
+// loader hands clients the address of the record itself, so the order of what follows the head is the
+// module's call interface.
 //
 //     static const my_module_t my_module = {{"network/mine", 0, my_std_ops}, ...};
 //     const void *const modules[] = {&my_module, 0};
@@ -22,7 +23,7 @@ extern "C" {
 
 // The argument of `std_ops`.
 #define MODULE_START 1  // before the first acquire succeeds; a result other than 0 makes that acquire fail
-#define MODULE_STOP 2   // after the last release; a result other than 0 keeps the module mapped and in service
+#define MODULE_STOP 2  // after the last release; a result other than 0 keeps the module mapped and in service
 
 typedef struct module_head {
     const char *name;                // the path under which clients ask for the module
@@ -34,17 +35,19 @@ typedef struct module_head {
 typedef struct protocol_module {
     module_head head;
 
-    // Called with the node that stands for this protocol on the chain of a new endpoint. The protocols named after
-    // this one in the settings are already running and can be reached through `node->next`. The kernel thread that
-    // creates the endpoint calls, perhaps with the lock of a listening parent held. Returns 0, anything else makes the creation fail.
+    // Called with the node that stands for this protocol on the chain of a new endpoint. The protocols named
+    // after this one in the settings are already running and can be reached through `node->next`. The kernel
+    // thread that creates the endpoint calls, perhaps with the lock of a listening parent held. Returns 0,
+    // anything else makes the creation fail.
     int32_t (*init_protocol)(proto_node *node);
 
     // Called with the node that is going; it is released behind the call. The result is ignored.
     int32_t (*uninit_protocol)(proto_node *node);
 } protocol_module;
 
-// Acquires the module `path`, loading and starting it if need be, and stores the address of its record in `*table`.
-// Returns 0, or a negative status with `*table` untouched. Blocks. Every success is paired with one release.
+// Acquires the module `path`, loading and starting it if need be, and stores the address of its record in
+// `*table`. Returns 0, or a negative status with `*table` untouched. Blocks. Every success is paired with one
+// release.
 int32_t kern_module_acquire(const char *path, void **table);
 
 // Gives one reference back. With the last one the module is stopped and unloaded. Blocks.

@@ -1,11 +1,13 @@
 // SPDX-License-Identifier: MIT
 //
-// zarn_data_t: the packet buffer of the stack. It holds no bytes: it chains references to memory that lies elsewhere and
-// remembers, per piece of memory, who frees it and how.
+// zarn_data_t: the packet buffer of the stack. It holds no bytes: it chains references to memory that lies
+// elsewhere and remembers, per piece of memory, who frees it and how.
 //
 // - A buffer has one owner at a time and no lock. Queues hand the owner on.
-// - A `free_descriptor` is shared by every buffer that can refer to its memory; whoever drops the last reference frees.
-// - Clients read and write `length`'s neighbours `user_word_1`, `user_word_2`, `reserved_word` and the client bits of `flags`;
+// - A `free_descriptor` is shared by every buffer that can refer to its memory; whoever drops the last
+// reference frees.
+// - Clients read and write `length`'s neighbours `user_word_1`, `user_word_2`, `reserved_word` and the client
+// bits of `flags`;
 //   everything else belongs to the operations.
 //
 // Two buffers, b a clone of a part of a, sharing one piece of memory:
@@ -28,8 +30,9 @@
 extern "C" {
 #endif
 
-// Frees one element of memory. Runs on the thread that drops the last reference, with no lock of the module held.
-// With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid `zarn_free_func`.
+// Frees one element of memory. Runs on the thread that drops the last reference, with no lock of the module
+// held. With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid
+// `zarn_free_func`.
 typedef void (*zarn_free_func)(void *element);
 typedef void (*zarn_free_func_ext)(void *ext_arg, void *element);
 
@@ -45,10 +48,11 @@ typedef struct mem_node {
     struct mem_node *next;  // next node of the same list, or null
 } mem_node;
 
-// A block of nodes. The nodes lie directly behind this head: 7 in the pool inside a buffer, 10 in a pool of its own.
+// A block of nodes. The nodes lie directly behind this head: 7 in the pool inside a buffer, 10 in a pool of
+// its own.
 typedef struct mem_node_pool {
     struct mem_node_pool *next;  // the older pool; null only in the pool inside the buffer
-    int32_t n;                   // nodes not yet handed out; they go from the last to the first and never come back
+    int32_t n;  // nodes not yet handed out; they go from the last to the first and never come back
 } mem_node_pool;
 
 #define FIRST_POOL_NODES 7  // nodes of the pool inside a buffer
@@ -70,16 +74,17 @@ typedef struct free_descriptor {
 // zarn_data_t.flags
 #define DATA_CHECKSUM_CACHED 0x8000u  // `checksum` is that of the whole buffer
 #define DATA_LOCKED 0x2000u           // `lock_zarn_data` has wired every piece
-#define DATA_NEEDS_LOCK 0x1000u       // set by clients: the bytes lie in memory that has to be wired for hardware
-#define DATA_CLIENT_MASK 0x4fffu      // carried from source to destination and never interpreted
+#define DATA_NEEDS_LOCK 0x1000u   // set by clients: the bytes lie in memory that has to be wired for hardware
+#define DATA_CLIENT_MASK 0x4fffu  // carried from source to destination and never interpreted
 
 typedef struct zarn_data_t {
-    struct zarn_data_t *next;  // link of the queue that holds the buffer; first, because atomic stacks link here
-    uint32_t user_word_1;      // the client's
-    uint32_t user_word_2;      // the client's
-    mem_node *datalist;        // the pieces in stream order; null when empty
-    mem_node *freelist;        // the descriptors that this buffer holds a reference on
-    uint32_t length;           // bytes in all pieces together
+    struct zarn_data_t
+        *next;             // link of the queue that holds the buffer; first, because atomic stacks link here
+    uint32_t user_word_1;  // the client's
+    uint32_t user_word_2;  // the client's
+    mem_node *datalist;    // the pieces in stream order; null when empty
+    mem_node *freelist;    // the descriptors that this buffer holds a reference on
+    uint32_t length;       // bytes in all pieces together
     uint32_t reserved_word;    // never read or written by the module
     uint16_t flags;            // DATA_...
     uint16_t checksum;         // meaningful only with DATA_CHECKSUM_CACHED
@@ -100,16 +105,18 @@ typedef struct lock_token lock_token;
 #ifdef __cplusplus
 }
 
-// Field order and size are interface: clients were compiled against them, and a buffer, a pool of nodes and a descriptor
-// each have to fit one block of their class.
+// Field order and size are interface: clients were compiled against them, and a buffer, a pool of nodes and a
+// descriptor each have to fit one block of their class.
 static_assert(offsetof(zarn_data_t, next) == 0);
 static_assert(offsetof(zarn_data_t, length) == (sizeof(void *) == 4 ? 20 : 32));
 static_assert(offsetof(zarn_data_t, flags) == (sizeof(void *) == 4 ? 28 : 40));
 static_assert(offsetof(zarn_data_t, nodepools) == (sizeof(void *) == 4 ? 32 : 48));
 static_assert(offsetof(zarn_data_t, first_pool) == (sizeof(void *) == 4 ? 36 : 56));
-static_assert(offsetof(zarn_data_t, first_nodes) == offsetof(zarn_data_t, first_pool) + sizeof(mem_node_pool));
+static_assert(offsetof(zarn_data_t, first_nodes) ==
+              offsetof(zarn_data_t, first_pool) + sizeof(mem_node_pool));
 static_assert(sizeof(zarn_data_t) == (sizeof(void *) == 4 ? 128 : 240));
-static_assert(sizeof(mem_node_pool) + NODE_POOL_NODES * sizeof(mem_node) == (sizeof(void *) == 4 ? 128 : 256));
+static_assert(sizeof(mem_node_pool) + NODE_POOL_NODES * sizeof(mem_node) ==
+              (sizeof(void *) == 4 ? 128 : 256));
 static_assert(sizeof(free_descriptor) == (sizeof(void *) == 4 ? 32 : 56));
 static_assert(sizeof(mem_node) == (sizeof(void *) == 4 ? 12 : 24));
 #endif

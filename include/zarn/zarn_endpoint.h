@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// zarn_endpoint_t: one communication end with its private chain of protocols, and perhaps a listener with children.
+// zarn_endpoint_t: one communication end with its private chain of protocols, and perhaps a listener with
+// children.
 //
 // - An endpoint belongs to the client that created it; a child belongs to its listener until it is dequeued.
 // - Protocol modules read and write most fields directly: the order of the fields is interface.
@@ -29,9 +30,9 @@ struct zarn_endpoint_t;
 
 // A block of bytes with room inside the record.
 typedef struct ep_blob {
-    uint8_t *data;                   // points at `storage` of the same record, so an endpoint can't be moved as bytes
+    uint8_t *data;  // points at `storage` of the same record, so an endpoint can't be moved as bytes
     uint8_t storage[EP_BLOB_BYTES];  //
-    uint32_t length;                 // bytes in use, at most EP_BLOB_BYTES as long as `data` points at `storage`
+    uint32_t length;  // bytes in use, at most EP_BLOB_BYTES as long as `data` points at `storage`
 } ep_blob;
 
 // A group of values that the module sets up and copies to children; their meaning is the protocols'.
@@ -50,7 +51,8 @@ typedef struct proto_node {
     struct proto_node *prev;  // the protocol named just before; null at the head
 } proto_node;
 
-// One hook on one of an endpoint's lists. `next` is first: a walk treats the hook's address as that of a link.
+// One hook on one of an endpoint's lists. `next` is first: a walk treats the hook's address as that of a
+// link.
 typedef struct ep_hook {
     struct ep_hook *next;
     void (*func)(struct zarn_endpoint_t *ep, uint32_t value, uintptr_t arg1, uintptr_t arg2);

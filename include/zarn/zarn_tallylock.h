@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// zarn_tallylock_t: the mutual-exclusion lock of the stack, an atomic counter in front of a counting semaphore.
+// zarn_tallylock_t: the mutual-exclusion lock of the stack, an atomic counter in front of a counting
+// semaphore.
 //
 // - The owner of the data embeds the record; no operation allocates or frees it.
 // - Uncontended, locking and unlocking are one atomic add each, with no call into the kernel.
@@ -12,8 +13,9 @@
 #include <stdint.h>
 
 typedef struct zarn_tallylock_t {
-    int32_t count;  // 0 free, 1 held, n > 1 held with n - 1 on their way; bits 30 and 31 set once deleted; atomic
-    int32_t sem;    // where contenders sleep; a negative error if creation failed, -1 once deleted
+    int32_t
+        count;  // 0 free, 1 held, n > 1 held with n - 1 on their way; bits 30 and 31 set once deleted; atomic
+    int32_t sem;  // where contenders sleep; a negative error if creation failed, -1 once deleted
 } zarn_tallylock_t;
 
 #endif

@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The table of the module "network/zarn_util": its record, with the 77 operations in the order that is its interface.
+// The table of the module "network/zarn_util": its record, with the 77 operations in the order that is its
+// interface.
 //
 // A client acquires the module from the loader, keeps the pointer and calls through it:
 //
@@ -152,7 +153,8 @@ typedef struct zarn_util_module_t {
 #ifdef __cplusplus
 }
 
-// Clients call by position: nothing is ever reordered or inserted. Position 1 stands behind the three words of the head.
+// Clients call by position: nothing is ever reordered or inserted. Position 1 stands behind the three words
+// of the head.
 #define ZARN_UTIL_POSITION(position, operation) \
     static_assert(offsetof(zarn_util_module_t, operation) == (2 + (position)) * sizeof(void *))
 ZARN_UTIL_POSITION(1, new_zarn_data);
