@@ -8,6 +8,16 @@
 //     zarn_util_module_t *util;
 //     if (kern_module_acquire(ZARN_UTIL_MODULE_NAME, (void **)&util) != 0) return -1;
 //     zarn_data_t *packet = util->new_zarn_data();
+//     ...
+//     kern_module_release(ZARN_UTIL_MODULE_NAME);
+//
+// The record is constant while the module is held; any thread may read it at any level. Each operation tells
+// below what it does, who owns what after success and after each failure, and which contexts may call it:
+//
+//     any context    never blocks and never reaches the heap: interrupt level included
+//     thread level   may block or may reach the heap
+//
+// "the heap" is the kernel's malloc. Status results are those of <zarn/status.h>.
 
 #ifndef ZARN_UTIL_H
 #define ZARN_UTIL_H
@@ -64,7 +74,8 @@ typedef struct zarn_util_module_t {
     uint32_t (*get_zarn_checksum)(const void *buf, uint32_t length, uint16_t seed);
     uint32_t (*incremental_checksum)(uint16_t checksum, uint16_t old_word, uint16_t new_word);
 
-    // Wiring of buffers
+    // -- Wiring of buffers for hardware; null in this version, like `get_data_memory_map`.
+
     lock_token *(*lock_zarn_data)(zarn_data_t *data);
     void (*unlock_zarn_data)(lock_token *token);
 
@@ -114,26 +125,60 @@ typedef struct zarn_util_module_t {
     int32_t (*get_config_int32)(const char *key, int32_t default_value);
     uint8_t (*get_config_bool)(const char *key, uint8_t default_value);
 
-    // The allocator and pools of the client's own
+    // -- The allocator of the stack: pools of fixed blocks in front of the heap.
+    //
+    // Small, medium and large blocks have 32, 128 and 2048 bytes where pointers have 32 bits, and 64, 256 and
+    // 2048 where they have 64. While the pool of a class has blocks, taking one and giving it back take no
+    // lock, never block and work at interrupt level. A request above the large class, or of a class that has
+    // run dry, goes to the heap: then the call is as safe as the heap is, and a caller at interrupt level has
+    // no guarantee. Nothing is logged, nothing is counted.
+
+    // `size` or more bytes of undefined contents, or null. The caller owns the block until `zarn_free`.
     void *(*zarn_falloc)(uint32_t size);
+
+    // The same with the first `size` bytes set to 0; what a pool block has behind them keeps what it held.
     void *(*zarn_zalloc)(uint32_t size);
+
+    // `size` bytes of the heap, all zero, or null; never a pool block. A `size` of 0 gives a block as well.
+    // Thread level.
     void *(*zarn_malloc)(uint32_t size);
+
+    // Gives back what any of the three gave, once; null does nothing. The address tells pool from heap, so no
+    // size is asked for. Memory from elsewhere goes to the heap's `free`. Also a `zarn_free_func` for
+    // buffers.
     void (*zarn_free)(void *block);
+
+    // -- Pools of the client's own, over memory of the client's own.
+
+    // A pool of `count` blocks of `block_size` bytes, a power of two, back to back from `base`. Blocks go out
+    // in ascending order at first, from then on the one given back last goes first. Null when the heap has no
+    // room for the pool's record; the memory at `base` stays the caller's in every case. Thread level.
     mempool_t *(*new_mempool)(void *base, uint32_t block_size, int32_t count);
+
+    // Frees the pool's record. No other call on the pool may be under way, and no block may be used or given
+    // back any more; the memory under the blocks stays the caller's. Thread level.
     void (*delete_mempool)(mempool_t *pool);
+
+    // A free block, or null when all are out. Lock-free, any context.
     void *(*mp_alloc)(mempool_t *pool);
+
+    // Gives back, once, a block that `mp_alloc` of this pool returned. Nothing is checked. Lock-free, any
+    // context.
     void (*mp_free)(mempool_t *pool, void *block);
 
-    // The address cache
+    // -- The cache of physical address runs; null in this version.
+
     address_spec *(*cache_address_spec)(void *addr, uint32_t length, int32_t thread);
     void (*free_address_spec)(address_spec *spec);
     int32_t (*get_cached_memory_map)(void *addr, uint32_t length, memory_run *table, uint32_t count);
 
-    // The profiler
+    // -- The profiler; null in this version.
+
     void (*_enter_prof_func)(const char *prefix, const char *suffix, int32_t flags);
     void (*_exit_prof_func)(const char *prefix, const char *suffix, int32_t flags);
 
-    // Kept for their positions: they do nothing
+    // -- Kept for their positions: they read nothing and do nothing, in any context.
+
     void (*log_data_path)(void);
     void (*print_memuse)(void);
 
