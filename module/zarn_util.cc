@@ -7,6 +7,8 @@
 #include <zarn/zarn_util.h>
 
 #include "module/allocator.h"
+#include "module/masked.h"
+#include "module/settings_utils.h"
 #include "module/tallylock.h"
 #include "platform/kern.h"
 
@@ -118,14 +120,14 @@ static const zarn_util_module_t gZarnUtilModule = {
     .enqueue_zarn_fifo_data = nullptr,
     .dequeue_zarn_fifo_data = nullptr,
     .clear_zarn_fifo = nullptr,
-    .zarn_masked_cmp = nullptr,
-    .zarn_masked_copy = nullptr,
+    .zarn_masked_cmp = zarn_masked_cmp,
+    .zarn_masked_copy = zarn_masked_copy,
     .get_outbound_protos = nullptr,
     .get_inbound_proto = nullptr,
     .get_family_ref = nullptr,
     .release_family_ref = nullptr,
-    .get_config_int32 = nullptr,
-    .get_config_bool = nullptr,
+    .get_config_int32 = get_config_int32,
+    .get_config_bool = get_config_bool,
     .zarn_falloc = zarn_falloc,
     .zarn_zalloc = zarn_zalloc,
     .zarn_malloc = zarn_malloc,
