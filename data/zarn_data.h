@@ -12,6 +12,8 @@
 
 #include <zarn/zarn_data.h>
 
+extern "C" {
+
 // buffer.cc: creation, deletion, linking of memory
 zarn_data_t *new_zarn_data();
 void delete_zarn_data(zarn_data_t *data);
@@ -45,6 +47,7 @@ int32_t zarn_data_dump(int32_t argc, char **argv);
 
 // purgatory.cc: deletion from any context
 void isafe_delete_zarn_data(zarn_data_t *data);
+}
 
 // True when `offset` + `length` does not exceed the buffer's length, whatever the sum of the two does in 32
 // bits.
@@ -96,8 +99,12 @@ inline mem_node **data_end(zarn_data_t *data) {
     return link;
 }
 
-// Calls the descriptor's free function on its elements, in the order in which they were added.
-void free_descriptor_elements(free_descriptor *descriptor);
+// Calls the descriptor's free function on its elements, in the order in which they were added. Only for
+// whoever dropped the last reference.
+void free_elements(const free_descriptor *descriptor);
+
+// The same, and gives the descriptor's own block back.
+void release_descriptor(free_descriptor *descriptor);
 
 // Frees every pool of nodes but the one inside the record. The nodes of both lists are gone behind it.
 void free_node_pools(zarn_data_t *data);
