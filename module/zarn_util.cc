@@ -6,6 +6,8 @@
 
 #include <zarn/zarn_util.h>
 
+#include "data/purgatory.h"
+#include "data/zarn_data.h"
 #include "module/allocator.h"
 #include "module/masked.h"
 #include "module/settings_utils.h"
@@ -21,6 +23,7 @@ struct service {
 
 static constexpr service kServices[] = {
     {init_mempool, uninit_mempool},
+    {[] { return init_data_purgatory(kPurgatoryThreshold); }, uninit_data_purgatory},
 };
 static constexpr int32_t kServiceCount = sizeof(kServices) / sizeof(kServices[0]);
 
@@ -74,23 +77,23 @@ static void print_memuse() {}
 // Positions that are null belong to services that this module does not have.
 static const zarn_util_module_t gZarnUtilModule = {
     .head = {.name = ZARN_UTIL_MODULE_NAME, .flags = 0, .std_ops = std_ops},
-    .new_zarn_data = nullptr,
-    .delete_zarn_data = nullptr,
-    .isafe_delete_zarn_data = nullptr,
-    .add_free_element = nullptr,
-    .copy_zarn_data = nullptr,
-    .clone_zarn_data = nullptr,
-    .coalesce_zarn_data = nullptr,
-    .prepend_zarn_data = nullptr,
-    .append_zarn_data = nullptr,
-    .insert_zarn_data = nullptr,
-    .trim_zarn_data = nullptr,
+    .new_zarn_data = new_zarn_data,
+    .delete_zarn_data = delete_zarn_data,
+    .isafe_delete_zarn_data = isafe_delete_zarn_data,
+    .add_free_element = add_free_element,
+    .copy_zarn_data = copy_zarn_data,
+    .clone_zarn_data = clone_zarn_data,
+    .coalesce_zarn_data = coalesce_zarn_data,
+    .prepend_zarn_data = prepend_zarn_data,
+    .append_zarn_data = append_zarn_data,
+    .insert_zarn_data = insert_zarn_data,
+    .trim_zarn_data = trim_zarn_data,
     .get_data_memory_map = nullptr,
-    .get_zarn_data_iovecs = nullptr,
-    .count_zarn_data_iovecs = nullptr,
-    .copy_from_zarn_data = nullptr,
-    .map_to_zarn_data = nullptr,
-    .disassociate_zarn_data = nullptr,
+    .get_zarn_data_iovecs = get_zarn_data_iovecs,
+    .count_zarn_data_iovecs = count_zarn_data_iovecs,
+    .copy_from_zarn_data = copy_from_zarn_data,
+    .map_to_zarn_data = map_to_zarn_data,
+    .disassociate_zarn_data = disassociate_zarn_data,
     .get_zarn_data_checksum = nullptr,
     .copy_and_checksum_data = nullptr,
     .get_zarn_checksum = nullptr,
