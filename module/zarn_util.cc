@@ -51,11 +51,17 @@ int32_t uninit_pools() {
 }
 
 int32_t init_util() {
-    return init_pools() == 0 ? 0 : -1;
+    kern_debug_add_command("zarn_data", zarn_data_dump, "dump a zarn_data_t");
+    if (init_pools() != 0) {
+        kern_debug_remove_command("zarn_data", zarn_data_dump);
+        return -1;
+    }
+    return 0;
 }
 
 int32_t uninit_util() {
     uninit_pools();
+    kern_debug_remove_command("zarn_data", zarn_data_dump);
     return 0;
 }
 
