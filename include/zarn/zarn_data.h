@@ -1,14 +1,16 @@
 // SPDX-License-Identifier: MIT
 //
 // zarn_data_t: the packet buffer of the stack. It holds no bytes: it chains references to memory that lies
-// elsewhere and remembers, per piece of memory, who frees it and how.
+// elsewhere and remembers who frees that memory and how.
 //
 // - A buffer has one owner at a time and no lock. Queues hand the owner on.
 // - A `free_descriptor` is shared by every buffer that can refer to its memory; whoever drops the last
-// reference frees.
-// - Clients read and write `length`'s neighbours `user_word_1`, `user_word_2`, `reserved_word` and the client
-// bits of `flags`;
-//   everything else belongs to the operations.
+//   reference frees.
+// - Clients read `length` and `flags`, and write `user_word_1`, `user_word_2`, `reserved_word` and in `flags`
+//   the bits of DATA_CLIENT_MASK and DATA_NEEDS_LOCK. All else is changed by the operations only.
+// - Memory that a piece refers to stays valid until the buffer's descriptors are released: removing bytes
+// from
+//   a buffer frees nothing.
 //
 // Two buffers, b a clone of a part of a, sharing one piece of memory:
 //
@@ -30,8 +32,8 @@
 extern "C" {
 #endif
 
-// Frees one element of memory. Runs on the thread that drops the last reference, with no lock of the module
-// held. With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid
+// Frees one element of memory. Runs on whoever drops the last reference, with no lock of the module held.
+// With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid
 // `zarn_free_func`.
 typedef void (*zarn_free_func)(void *element);
 typedef void (*zarn_free_func_ext)(void *ext_arg, void *element);
@@ -61,10 +63,11 @@ typedef struct mem_node_pool {
 #define FREE_INTERRUPT_SAFE 0x0001  // free_descriptor.flags: the free function may run at interrupt level
 #define FREE_ELEMENTS 4
 
-// Owns up to four elements with one common free function.
+// Owns up to four elements with one common free function. A buffer's free list has one node for each
+// reference that it holds; the memory of `datalist` may belong to any of its descriptors, or to none.
 typedef struct free_descriptor {
     void *ext_arg;                      // extra argument of `func`; null selects the form with one argument
-    zarn_free_func func;                //
+    zarn_free_func func;                // frees one element; its form depends on `ext_arg`
     int32_t ref_count;                  // free-list nodes that point here; atomic
     uint16_t flags;                     // FREE_INTERRUPT_SAFE; other bits mean nothing
     uint16_t first_used;                // lowest used slot: 3 with one element, 0 with four
@@ -72,22 +75,21 @@ typedef struct free_descriptor {
 } free_descriptor;
 
 // zarn_data_t.flags
-#define DATA_CHECKSUM_CACHED 0x8000u  // `checksum` is that of the whole buffer
+#define DATA_CHECKSUM_CACHED 0x8000u  // `checksum` is that of the whole buffer; gone with any change
 #define DATA_LOCKED 0x2000u           // `lock_zarn_data` has wired every piece
 #define DATA_NEEDS_LOCK 0x1000u   // set by clients: the bytes lie in memory that has to be wired for hardware
 #define DATA_CLIENT_MASK 0x4fffu  // carried from source to destination and never interpreted
 
 typedef struct zarn_data_t {
-    struct zarn_data_t
-        *next;             // link of the queue that holds the buffer; first, because atomic stacks link here
-    uint32_t user_word_1;  // the client's
-    uint32_t user_word_2;  // the client's
-    mem_node *datalist;    // the pieces in stream order; null when empty
-    mem_node *freelist;    // the descriptors that this buffer holds a reference on
-    uint32_t length;       // bytes in all pieces together
+    struct zarn_data_t *next;  // link of the queue that holds the buffer; first, for atomic stacks
+    uint32_t user_word_1;      // the client's
+    uint32_t user_word_2;      // the client's
+    mem_node *datalist;        // the pieces in stream order; null when empty
+    mem_node *freelist;        // the descriptors that this buffer holds a reference on
+    uint32_t length;           // bytes in all pieces together
     uint32_t reserved_word;    // never read or written by the module
     uint16_t flags;            // DATA_...
-    uint16_t checksum;         // meaningful only with DATA_CHECKSUM_CACHED
+    uint16_t checksum;         // of all bytes, complemented; meaningful only with DATA_CHECKSUM_CACHED
     mem_node_pool *nodepools;  // the pool that nodes are taken from; newest first, `first_pool` last
     mem_node_pool first_pool;  // the pool inside the record
     mem_node first_nodes[FIRST_POOL_NODES];  // its nodes

@@ -47,25 +47,115 @@ typedef struct address_spec address_spec;
 typedef struct zarn_util_module_t {
     module_head head;
 
-    // Buffers
+    // -- Buffers: creation and end. The record, and a drawing of two that share memory, are in
+    // <zarn/zarn_data.h>.
+    //
+    // A buffer has one owner at a time and no lock: every operation wants the buffers that it is given to
+    // itself, but for sources that are only read, which several readers may share as long as nobody changes
+    // them. Lengths and offsets are in bytes.
+    //
+    // Nodes, descriptors and buffers come from the pools of the allocator. Where an operation says "pools,
+    // then heap", it takes no lock and doesn't block while the pools have blocks; when one has run dry it
+    // reaches the heap, so a caller at interrupt level has no guarantee.
+
+    // A new empty buffer, or null without memory. The caller owns it until it hands it on or deletes it.
+    // Pools, then heap.
     zarn_data_t *(*new_zarn_data)(void);
+
+    // Ends a buffer: gives back its references on descriptors, and calls the free function of each descriptor
+    // of which this was the last reference on its elements, in the order in which they were added. Thread
+    // level, and as slow as those functions.
     void (*delete_zarn_data)(zarn_data_t *data);
+
+    // The same from any context: it never blocks, allocates nothing, reaches no heap and can't fail. What has
+    // to wait for thread level is done by a thread of the module, which is woken when more than 8 buffers
+    // wait for it; the last ones may wait until the next deletion or until the module stops. Free functions
+    // of descriptors with FREE_INTERRUPT_SAFE run at once on the caller, all others on that thread. The
+    // buffer must not stand on a queue.
     void (*isafe_delete_zarn_data)(zarn_data_t *data);
+
+    // Registers `element` to be freed by `free_func` when the last reference goes: `free_func(element)`, or
+    // `free_func(ext_arg, element)` with an `ext_arg` that isn't null (see `zarn_free_func_from_ext`). Adds
+    // nothing to the data. `flags` is 0 or FREE_INTERRUPT_SAFE; an element that joins others with the same
+    // function and argument in one descriptor goes the way of the first of them, so give them all the same
+    // flags. ERR_NO_MEMORY: nothing is registered and the element stays the caller's. Pools, then heap.
     int32_t (*add_free_element)(zarn_data_t *data, void *element, void *ext_arg, zarn_free_func free_func,
                                 uint16_t flags);
+
+    // -- Ranges of buffers. A range is valid when `offset` + `length` does not exceed the buffer's `length`;
+    // the sum doesn't wrap. Removing bytes frees no memory before the buffer's end.
+
+    // Adds a copy of the range behind the data of `dst`, as one piece in a new block that `dst` owns. Of the
+    // flags, those of DATA_CLIENT_MASK come along. -1: invalid range, or `dst` would pass 4 GiB; nothing has
+    // changed. ERR_NO_MEMORY: `dst` holds what it held. Pools, then heap; beyond 2048 bytes the heap.
     int32_t (*copy_zarn_data)(zarn_data_t *dst, zarn_data_t *src, uint32_t offset, uint32_t length);
+
+    // Adds the range behind the data of `dst` without copying a byte: `dst` gets pieces of the same memory,
+    // and a reference on every descriptor of `src`. Either buffer may be deleted first. Of the flags, those
+    // of DATA_CLIENT_MASK and DATA_NEEDS_LOCK come along; `dst` loses DATA_LOCKED when the source needs
+    // locking and isn't locked. -1: invalid range, or `dst` would pass 4 GiB; nothing has changed.
+    // ERR_NO_MEMORY: `dst` is sound and holds the pieces and references that were made, to be used or
+    // deleted; `src` is as it was. Pools, then heap.
     int32_t (*clone_zarn_data)(zarn_data_t *dst, zarn_data_t *src, uint32_t offset, uint32_t length);
+
+    // Makes the range one piece, in a new block that the buffer owns. Over the whole buffer this takes
+    // DATA_NEEDS_LOCK away, and a cached checksum stays valid. -1: invalid range. ERR_NO_MEMORY:
+    // without a block, nothing has changed; without a node to take the range out, only the cached checksum
+    // is forgotten; without one to put it back in, the range is gone from the buffer (compare `length`).
+    // A `length` of 0 in a buffer that holds data gives ERR_NO_MEMORY and changes nothing; in an empty
+    // buffer, 0. Pools, then heap; beyond 2048 bytes the heap.
     int32_t (*coalesce_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
+
+    // -- Linking memory. The bytes stay where they are. With a `free_func`, the memory at `addr` belongs to
+    // the buffer and `free_func(addr)` is called when the last reference goes; with null it stays the
+    // caller's and must outlive every buffer that refers to it. A `length` of 0 at either end of the data
+    // links and registers nothing, and gives 0. Pools, then heap. All three:
+    //
+    //     -1             no node, or the buffer would pass 4 GiB: its data is as before, the memory stays
+    //                    the caller's.
+    //     ERR_NO_MEMORY  the bytes are linked but nobody owns them: the memory stays the caller's and must
+    //                    outlive the buffer.
+
+    // Puts `length` bytes at `addr` before the data. Takes the same time however long the buffer is.
     int32_t (*prepend_zarn_data)(zarn_data_t *data, void *addr, uint32_t length, zarn_free_func free_func);
+
+    // Puts them behind the data. Walks the pieces.
     int32_t (*append_zarn_data)(zarn_data_t *data, void *addr, uint32_t length, zarn_free_func free_func);
+
+    // Puts them before the byte at `offset`; -1 also for an `offset` beyond the data. Strictly inside the
+    // data a `length` of 0 is linked and registered like any other.
     int32_t (*insert_zarn_data)(zarn_data_t *data, uint32_t offset, void *addr, uint32_t length,
                                 zarn_free_func free_func);
+
+    // -- Looking into buffers and cutting them.
+
+    // Takes the range out of the data; at the front of the first piece, as for a header, in constant time.
+    // -1: invalid range, a `length` of 0, or no node for the rest of a piece that is cut in two; the data is
+    // as before. Only that last case takes from the pools, then the heap.
     int32_t (*trim_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
+
+    // Null in this version, like the other operations for hardware that reads memory by itself.
     int32_t (*get_data_memory_map)(zarn_data_t *data, memory_run *table, uint32_t count, uint8_t no_fault);
+
+    // Fills `table` with the pieces of the data in order, up to `count`; returns how many. Any context.
     uint32_t (*get_zarn_data_iovecs)(zarn_data_t *data, zarn_iovec *table, uint32_t count);
+
+    // How many pieces there are. Any context.
     uint32_t (*count_zarn_data_iovecs)(zarn_data_t *data);
+
+    // Copies the range to `dest`. Returns `length`, or 0 for an invalid range, with nothing written. Any
+    // context.
     uint32_t (*copy_from_zarn_data)(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);
+
+    // Makes the range contiguous if it isn't, and points `*out` at it; valid until the buffer is deleted.
+    // Copies only a range that spans pieces, as `coalesce_zarn_data` does. -1: invalid range, a `length` of
+    // 0, or no memory, with the data left as by `coalesce_zarn_data` and `*out` not written. A range inside
+    // one piece: any context; otherwise pools, then heap.
     int32_t (*map_to_zarn_data)(zarn_data_t *data, uint32_t offset, void **out, uint32_t length);
+
+    // Makes the range safe to write to: if any memory of the buffer may be shared with another buffer, the
+    // range is moved to a block of this buffer's own. 0, or a failure of `coalesce_zarn_data` with what that
+    // leaves. Pools, then heap.
     int32_t (*disassociate_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
 
     // Internet checksums
