@@ -13,6 +13,9 @@
 #include "module/settings_utils.h"
 #include "module/tallylock.h"
 #include "platform/kern.h"
+#include "sync/zarn_fifo.h"
+#include "sync/zarn_rwlock.h"
+#include "sync/zarn_timer.h"
 
 // The services, in the order of their start. The stop goes backwards: the memory goes last, after all that
 // allocate from it.
@@ -23,6 +26,7 @@ struct service {
 
 static constexpr service kServices[] = {
     {init_mempool, uninit_mempool},
+    {init_zarn_timers, uninit_zarn_timers},
     {[] { return init_data_purgatory(kPurgatoryThreshold); }, uninit_data_purgatory},
 };
 static constexpr int32_t kServiceCount = sizeof(kServices) / sizeof(kServices[0]);
@@ -110,25 +114,25 @@ static const zarn_util_module_t gZarnUtilModule = {
     .zarn_delete_tallylock = zarn_delete_tallylock,
     .zarn_lock_tallylock = zarn_lock_tallylock,
     .zarn_unlock_tallylock = zarn_unlock_tallylock,
-    .create_zarn_timer = nullptr,
-    .delete_zarn_timer = nullptr,
-    .zarn_set_timer_hook = nullptr,
-    .zarn_set_timer = nullptr,
-    .zarn_cancel_timer = nullptr,
-    .zarn_timer_appointment = nullptr,
-    .create_rwlock = nullptr,
-    .delete_rwlock = nullptr,
-    .read_lock = nullptr,
-    .read_unlock = nullptr,
-    .write_lock = nullptr,
-    .write_unlock = nullptr,
-    .upgrade_to_write = nullptr,
-    .downgrade_to_read = nullptr,
-    .create_zarn_fifo = nullptr,
-    .delete_zarn_fifo = nullptr,
-    .enqueue_zarn_fifo_data = nullptr,
-    .dequeue_zarn_fifo_data = nullptr,
-    .clear_zarn_fifo = nullptr,
+    .create_zarn_timer = create_zarn_timer,
+    .delete_zarn_timer = delete_zarn_timer,
+    .zarn_set_timer_hook = zarn_set_timer_hook,
+    .zarn_set_timer = zarn_set_timer,
+    .zarn_cancel_timer = zarn_cancel_timer,
+    .zarn_timer_appointment = zarn_timer_appointment,
+    .create_rwlock = create_rwlock,
+    .delete_rwlock = delete_rwlock,
+    .read_lock = read_lock,
+    .read_unlock = read_unlock,
+    .write_lock = write_lock,
+    .write_unlock = write_unlock,
+    .upgrade_to_write = upgrade_to_write,
+    .downgrade_to_read = downgrade_to_read,
+    .create_zarn_fifo = create_zarn_fifo,
+    .delete_zarn_fifo = delete_zarn_fifo,
+    .enqueue_zarn_fifo_data = enqueue_zarn_fifo_data,
+    .dequeue_zarn_fifo_data = dequeue_zarn_fifo_data,
+    .clear_zarn_fifo = clear_zarn_fifo,
     .zarn_masked_cmp = zarn_masked_cmp,
     .zarn_masked_copy = zarn_masked_copy,
     .get_outbound_protos = nullptr,

@@ -169,35 +169,110 @@ typedef struct zarn_util_module_t {
     lock_token *(*lock_zarn_data)(zarn_data_t *data);
     void (*unlock_zarn_data)(lock_token *token);
 
-    // Tallylocks
+    // -- Tallylocks. The record and its rules are in <zarn/zarn_tallylock.h>.
+
+    // Sets the lock up, free, with a semaphore of this name; null stands for "anonymous zarn_tallylock_t".
+    // Returns the semaphore's id, 0 or above: test for `< 0`. On failure the kernel's error, with nothing to
+    // clean up. Thread level.
     int32_t (*zarn_create_tallylock)(zarn_tallylock_t *lock, const char *name);
+
+    // Ends the lock under whoever holds it or waits for it: those who wait return with an error, later calls
+    // fail. Waits for nobody. Returns the status of the semaphore's deletion. Thread level.
     int32_t (*zarn_delete_tallylock)(zarn_tallylock_t *lock);
+
+    // Waits until the lock is the caller's. 0, or the error of a dead semaphore: then it is not held. No
+    // signal interrupts the wait. Thread level, blocks.
     int32_t (*zarn_lock_tallylock)(zarn_tallylock_t *lock);
+
+    // Gives the lock to the thread that has waited longest, or frees it. The caller keeps the processor. 0,
+    // or the error of a dead semaphore. Thread level.
     int32_t (*zarn_unlock_tallylock)(zarn_tallylock_t *lock);
 
-    // Timers
+    // -- Timers. What hooks may do, and what cancelling and deleting promise, is in <zarn/zarn_timer.h>.
+    // Times are microseconds. All thread level; the lock of the wheel may block for the time of a few stores.
+
+    // An idle timer, or null without memory. The caller owns it until `delete_zarn_timer`. `hook` may be null
+    // until the timer is armed.
     zarn_timer_t *(*create_zarn_timer)(zarn_timer_hook hook, void *arg);
+
+    // Cancels the timer and frees it. On return its hook neither runs nor will run; for that the call waits
+    // for the end of all hooks that are due, unless it comes from a hook itself. Blocks.
     void (*delete_zarn_timer)(zarn_timer_t *timer);
+
+    // Cancels the timer and gives it another hook. Nobody else may arm the timer meanwhile.
     void (*zarn_set_timer_hook)(zarn_timer_t *timer, zarn_timer_hook hook, void *arg);
+
+    // Arms the timer to fire once, `delay` from now. An armed timer keeps its appointment if `replace` is 0,
+    // otherwise it gets the new one. INT64_MAX is never. Without a hook the system is halted.
     void (*zarn_set_timer)(zarn_timer_t *timer, int64_t delay, uint8_t replace);
+
+    // Disarms the timer; nothing happens if it is idle. Does not wait for a hook that runs already.
     void (*zarn_cancel_timer)(zarn_timer_t *timer);
+
+    // When the timer is due, on the clock of the kernel; 0 when it is idle, as it is in its own hook. A look
+    // without a lock: it may be out of date on return. Any context.
     int64_t (*zarn_timer_appointment)(zarn_timer_t *timer);
 
-    // Read-write locks
+    // -- Read-write locks. The record, its state table and the rules of use are in <zarn/zarn_rwlock.h>. All
+    // thread level. The locking and unlocking ones return 0 or the error of a dead semaphore, after which the
+    // lock is not used any more.
+
+    // Sets the lock up, free. Its three semaphores are named `name` and a suffix; of a longer `name`, which
+    // must not be null, the first 95 characters count. -1 when a semaphore can't be had, with nothing left.
     int32_t (*create_rwlock)(rwlock_t *lock, const char *name);
+
+    // Ends the lock; those who wait return with an error. Returns the status of the last semaphore's
+    // deletion.
     int32_t (*delete_rwlock)(rwlock_t *lock);
+
+    // Waits for the writers that are in or waiting. The writer itself gets 0 and nothing changes. Blocks.
     int32_t (*read_lock)(rwlock_t *lock);
     int32_t (*read_unlock)(rwlock_t *lock);
+
+    // Waits for the readers that are in and the writers before. The writer itself goes one level deeper.
+    // Blocks.
     int32_t (*write_lock)(rwlock_t *lock);
+
+    // Leaves one level; with the outermost one the next writer gets in, or else all waiting readers.
     int32_t (*write_unlock)(rwlock_t *lock);
+
+    // Turns a reader into the writer; the writer itself goes one level deeper. If another writer was there
+    // first, that one runs before: what the caller has read must then be read again, and the result does not
+    // tell. Blocks.
     int32_t (*upgrade_to_write)(rwlock_t *lock);
+
+    // Leaves one level; the outermost one becomes a read lock without a gap in which others could write.
     int32_t (*downgrade_to_read)(rwlock_t *lock);
 
-    // FIFOs of buffers
+    // -- FIFOs of buffers. The record and who may run beside whom are in <zarn/zarn_fifo.h>. All thread
+    // level.
+
+    // Sets the queue up, empty. `name` is that of the semaphore on which consumers sleep; `limit` is in
+    // bytes. -1 when a semaphore can't be had, with nothing left.
     int32_t (*create_zarn_fifo)(zarn_fifo_t *fifo, const char *name, uint32_t limit);
+
+    // Ends the queue and deletes the buffers in it. Consumers that wait return with the error of a dead
+    // semaphore. Waits for an enqueue or dequeue that is under way. Blocks.
     void (*delete_zarn_fifo)(zarn_fifo_t *fifo);
+
+    // Puts `data` at the end and wakes the consumers that wait. 0: the queue owns `data`. ERR_NO_BUFFER_SPACE
+    // when its `length` would take the queue past the limit, or the error of a dead lock: it is still the
+    // caller's. Never waits for room.
     int32_t (*enqueue_zarn_fifo_data)(zarn_fifo_t *fifo, zarn_data_t *data);
+
+    // Stores the first buffer in `*out` and returns its `length`, 0 or above: it is the caller's. With `peek`
+    // the queue keeps it, and `*out` is a clone that shares its memory and has its two user words.
+    //
+    // On an empty queue it waits for up to `timeout` microseconds, starting over when another consumer was
+    // quicker, so that the whole wait can be longer; KERN_TIMEOUT_FOREVER waits without end, and 0 not at
+    // all. Otherwise `*out` is null, and the result is ERR_WOULD_BLOCK (empty without waiting, or sent away
+    // by `clear_zarn_fifo`), ERR_NO_MEMORY (no memory for the clone), or the kernel's status of a wait that
+    // timed out, was interrupted by a signal, or whose semaphore is gone.
     int32_t (*dequeue_zarn_fifo_data)(zarn_fifo_t *fifo, zarn_data_t **out, int64_t timeout, uint8_t peek);
+
+    // Deletes the buffers in the queue and sends the consumers that wait away with ERR_WOULD_BLOCK. The queue
+    // stays usable. Free functions of the buffers run with the queue's lock held and must not use the queue.
+    // 0, or the error of a dead lock. Blocks until the consumers have left their wait.
     int32_t (*clear_zarn_fifo)(zarn_fifo_t *fifo);
 
     // Bytes under a mask
