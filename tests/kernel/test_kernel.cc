@@ -1,9 +1,9 @@
 // SPDX-License-Identifier: MIT
 //
 // One mutex guards the whole kernel, and one condition variable wakes everybody who waits for anything:
-// simple enough to be right by reading, and fast enough for tests. Nothing in here reaches the wrapped heap:
-// standard containers take their memory from operator new, which calls the C library inside its own shared
-// object.
+// simple enough to be right by reading, and fast enough for tests. Nothing in here reaches the wrapped
+// heap: standard containers take their memory from operator new, which calls the C library inside its own
+// shared object.
 
 #include "tests/kernel/test_kernel.h"
 
@@ -217,8 +217,8 @@ int32_t self() {
     return tSelf;
 }
 
-// The caller's thread. One that wasn't spawned here is a thread of the test, known as long as it has business
-// here.
+// The caller's thread. One that wasn't spawned here is a thread of the test, known as long as it has
+// business here.
 thread &current(lock &held) {
     int32_t id = self();
     auto found = k().threads.find(id);
@@ -231,8 +231,8 @@ thread &current(lock &held) {
     return found->second;
 }
 
-// Ends the wait in `state` when the condition holds. Threads of the module may wait for ever, the test's may
-// not.
+// Ends the wait in `state` when the condition holds. Threads of the module may wait for ever, the test's
+// may not.
 template <typename Condition>
 void block(lock &held, const std::string &what, decltype(thread::kAsleep) state, Condition condition) {
     thread &t = current(held);
@@ -1049,7 +1049,8 @@ int32_t kern_debug_add_command(const char *name, kern_debug_command function, co
     return k().commands.emplace(name, command{function, help}).second ? 0 : -1;
 }
 
-// Removing a command that isn't there is no fault: a refused stop leaves nothing for the next one to remove.
+// Removing a command that isn't there is no fault: a refused stop leaves nothing for the next one to
+// remove.
 int32_t kern_debug_remove_command(const char *name, kern_debug_command function) {
     lock held(k().mutex);
     enter(held, "debug_remove_command", -1, name, kThreadLevel);
@@ -1112,7 +1113,8 @@ char *__wrap_strdup(const char *text) {
 }
 
 // A block that isn't known was there before the last reset, or was allocated inside a shared library. A
-// second free of a known one reaches the C library, which aborts, or the address sanitizer, which tells more.
+// second free of a known one reaches the C library, which aborts, or the address sanitizer, which tells
+// more.
 void __wrap_free(void *block) {
     {
         lock held(k().mutex);

@@ -3,14 +3,14 @@
 // The tests' own kernel: everything of platform/kern.h and the heap, behind the module's objects linked
 // statically.
 //
-// - Time stands still until a test advances it. A thread that sleeps, or waits with a time limit, does so on
-// this clock.
+// - Time stands still until a test advances it. A thread that sleeps, or waits with a time limit, does so
+//   on this clock.
 // - Threads are real. A test knows where they are: `wait_until_asleep`, `wait_until_blocked`,
-// `stopping_point`.
+//   `stopping_point`.
 // - Every object is counted: `leftovers` names what is still there. Every call is written down: `journal`.
 // - Every call that may fail does so on demand: `fail_call`, `fail_from`.
-// - What a kernel forbids is written down as a violation: heap and sleep at interrupt level, dead ids, double
-// frees.
+// - What a kernel forbids is written down as a violation: heap and sleep at interrupt level, giving back
+//   what isn't there.
 //
 // A test that waits for something which doesn't come stops the program after 20 seconds and prints where
 // everybody is. Any thread may call anything here, except that `reset` wants the module's threads gone.
@@ -31,13 +31,13 @@ namespace test_kernel {
 // ---- The whole
 
 // A fresh kernel: no objects, no faults armed, nothing provided, empty journal and log, the clock at
-// kStartTime. Threads that a failed test left behind are never heard of again: their next kernel call doesn't
-// return.
+// kStartTime. Threads that a failed test left behind are never heard of again: their next kernel call
+// doesn't return.
 void reset();
 
 // One line for each object that is alive: semaphores, threads, regions, heap blocks, module references,
-// settings handles, wired ranges, debugger commands. Empty when there are none. Waits for threads that are on
-// their way out.
+// settings handles, wired ranges, debugger commands. Empty when there are none. Waits for threads that are
+// on their way out.
 std::string leftovers();
 
 // One line for each thing that no caller may do, since the last reset or call of this. Empty when all went
@@ -102,13 +102,13 @@ struct object {
 
 int32_t sem_count(object sem);    // units that nobody has taken; -1 when there is no such semaphore
 int32_t sem_waiters(object sem);  // threads in line
-void wait_until_blocked(object sem, int32_t threads = 1);
+void wait_until_blocked(object sem, int32_t threads = 1);  // until that many threads stand in line
 int32_t interrupt_waiters(object sem);  // those that allow it leave with kInterrupted; returns how many
 int32_t sem_calls();                    // acquires and releases of all threads since the last reset
 void set_next_sem(int32_t id);          // the id of the semaphore that is created next
 
-// Holds the first thread that makes a call on an object, before the call has any effect. The thread that set
-// the point passes. Without an object every call of that name matches.
+// Holds the first thread that makes a call on an object, before the call has any effect. The thread that
+// set the point passes. Without an object every call of that name matches.
 //
 //     stopping_point window("sem_acquire", lock.sem);
 //     std::thread contender([&] { zarn_lock_tallylock(&lock); });
@@ -144,9 +144,9 @@ void clear_journal();
 std::vector<std::string> log_lines();  // one entry for each kern_log
 void clear_log();
 
-std::string take_debug_output();                      // what the debugger has printed since the last take
-bool has_debug_command(const std::string &name);      //
-std::string debug_help(const std::string &name);      //
+std::string take_debug_output();  // what the debugger has printed since the last take
+bool has_debug_command(const std::string &name);
+std::string debug_help(const std::string &name);      // "" when there is no such command
 int32_t debug(const std::vector<std::string> &line);  // runs the command line[0]; -1 when there is none
 
 // ---- Faults
@@ -163,8 +163,8 @@ enum fallible : unsigned {
 
 constexpr int32_t kRefused = -1100;  // the result of a call that fails on demand and returns a status
 
-// Calls of the kinds in `mask` are counted from here on, and the k-th fails (the first is 1), or all from the
-// k-th on.
+// Calls of the kinds in `mask` are counted from here on, and the k-th fails (the first is 1), or all from
+// the k-th on.
 void fail_call(int32_t k, unsigned mask = kEverything);
 void fail_from(int32_t k, unsigned mask = kEverything);
 void fail_nothing();
@@ -180,8 +180,8 @@ int32_t heap_calls();             // all calls of the four since the last reset
 // ---- Settings and modules
 
 // Makes `text` the settings file `name`. A line is a parameter: its name, its values, and with a `{` at the
-// end its children up to the line `}`. Words are divided by blanks and may be quoted; `""` is an empty word,
-// `#` starts a comment.
+// end its children up to the line `}`. Words are divided by blanks and may be quoted; `""` is an empty
+// word, `#` starts a comment.
 void provide_settings(const std::string &name, const std::string &text);
 void withdraw_settings(const std::string &name);
 
@@ -191,7 +191,8 @@ int32_t module_references(const std::string &path);
 
 // ---- Memory map
 
-// What kern_memory_map does with each page: physical = virtual + offset; a range can be without any mapping.
+// What kern_memory_map does with each page: physical = virtual + offset; a range can be without any
+// mapping.
 void set_physical_offset(intptr_t offset);
 void unmap(const void *address, uint32_t length);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the other tests rest on: the line of a semaphore, the clock, stopping points, faults, and that a leak
-// or a violation is really seen.
+// What the other tests rest on: the line of a semaphore, the clock, stopping points, faults, and that a
+// leak or a violation is really seen.
 
 #include <gtest/gtest.h>
 
@@ -16,6 +16,8 @@ using namespace test_kernel;
 
 namespace {
 
+using test_kernel_test = kernel_test;
+
 // A thread that acquires and remembers the result.
 struct acquirer {
     acquirer(int32_t sem, int32_t units, uint32_t flags = 0, int64_t timeout = 0)
@@ -29,7 +31,7 @@ struct acquirer {
     std::thread runner;
 };
 
-TEST_F(kernel_test, UnitsAreHandedToTheLineInOrderAndNobodyOvertakes) {
+TEST_F(test_kernel_test, UnitsAreHandedToTheLineInOrderAndNobodyOvertakes) {
     int32_t sem = kern_sem_create(0, "line");
     acquirer first(sem, 2);
     wait_until_blocked(sem, 1);
@@ -49,7 +51,7 @@ TEST_F(kernel_test, UnitsAreHandedToTheLineInOrderAndNobodyOvertakes) {
     EXPECT_EQ(kern_sem_delete(sem), 0);
 }
 
-TEST_F(kernel_test, WhoLeavesTheLineTakesNoUnitAlong) {
+TEST_F(test_kernel_test, WhoLeavesTheLineTakesNoUnitAlong) {
     int32_t sem = kern_sem_create(1, "line");
     acquirer late(sem, 2, KERN_SEM_RELATIVE_TIMEOUT, 500);
     wait_until_blocked(sem, 1);
@@ -80,7 +82,7 @@ int32_t sleep_thrice(void *count) {
     return 0;
 }
 
-TEST_F(kernel_test, AThreadSleepsUntilTheClockIsAdvancedFarEnough) {
+TEST_F(test_kernel_test, AThreadSleepsUntilTheClockIsAdvancedFarEnough) {
     int count = 0;
     int32_t thread = kern_thread_spawn(sleep_thrice, "sleeper", 7, &count);
     EXPECT_EQ(thread_id("sleeper"), thread);
@@ -98,7 +100,7 @@ TEST_F(kernel_test, AThreadSleepsUntilTheClockIsAdvancedFarEnough) {
     EXPECT_EQ(count, 3);
 }
 
-TEST_F(kernel_test, AStoppingPointHoldsTheCallBeforeItsEffect) {
+TEST_F(test_kernel_test, AStoppingPointHoldsTheCallBeforeItsEffect) {
     int32_t sem = kern_sem_create(0, "window");
     {
         stopping_point window("sem_acquire", "window");
@@ -117,7 +119,7 @@ TEST_F(kernel_test, AStoppingPointHoldsTheCallBeforeItsEffect) {
     kern_sem_delete(sem);
 }
 
-TEST_F(kernel_test, TheCallThatWasAskedForFails) {
+TEST_F(test_kernel_test, TheCallThatWasAskedForFails) {
     auto creates = [] {
         std::string result;
         for (int i = 0; i < 4; ++i) {
@@ -139,7 +141,7 @@ TEST_F(kernel_test, TheCallThatWasAskedForFails) {
     fail_nothing();
 }
 
-TEST_F(kernel_test, WhatIsLeftAndWhatIsForbiddenIsNamed) {
+TEST_F(test_kernel_test, WhatIsLeftAndWhatIsForbiddenIsNamed) {
     int32_t sem = kern_sem_create(0, "forgotten");
     void *region;
     int32_t region_id = kern_region_create("place", &region, 4, 100, 3, 3);
@@ -173,7 +175,7 @@ TEST_F(kernel_test, WhatIsLeftAndWhatIsForbiddenIsNamed) {
     kern_sem_delete(sem);
 }
 
-TEST_F(kernel_test, SettingsKeepTheOrderAndTheShapeOfTheText) {
+TEST_F(test_kernel_test, SettingsKeepTheOrderAndTheShapeOfTheText) {
     provide_settings("zarn.conf", R"(
         count 42   # a comment
         "" "two words" {

@@ -23,8 +23,8 @@ int32_t free_blocks(const mempool_t *pool);
 // sound.
 std::string blocks_out();
 
-// Leaves `n` free blocks in each of the allocator's pools as long as it lives; then everything is as it was.
-// With none left, each allocation becomes a numbered heap call that can be refused.
+// Leaves `n` free blocks in each of the allocator's pools as long as it lives; then everything is as it
+// was. With none left, each allocation becomes a numbered heap call that can be refused.
 class dry_pools {
  public:
     explicit dry_pools(int32_t n = 0);
