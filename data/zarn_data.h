@@ -35,9 +35,7 @@ uint32_t copy_from_zarn_data(zarn_data_t *data, uint32_t offset, void *dest, uin
 int32_t trim_zarn_data(zarn_data_t *data, uint32_t offset, uint32_t length);
 int32_t map_to_zarn_data(zarn_data_t *data, uint32_t offset, void **out, uint32_t length);
 
-// checksum.cc: Internet checksums. The two workers give the plain sum, the others its complement.
-uint32_t chksum(const void *data, uint32_t length);
-uint32_t cpysum(void *dest, const void *src, uint32_t length);
+// checksum.cc: Internet checksums, over the plain sums of data/checksum.h
 uint32_t get_zarn_checksum(const void *buf, uint32_t length, uint16_t seed);
 uint32_t get_zarn_data_checksum(zarn_data_t *data, uint32_t offset, uint32_t length);
 uint32_t copy_and_checksum_data(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);

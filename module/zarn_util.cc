@@ -9,6 +9,7 @@
 #include "data/purgatory.h"
 #include "data/zarn_data.h"
 #include "module/allocator.h"
+#include "module/incremental_checksum.h"
 #include "module/masked.h"
 #include "module/settings_utils.h"
 #include "module/tallylock.h"
@@ -104,10 +105,10 @@ static const zarn_util_module_t gZarnUtilModule = {
     .copy_from_zarn_data = copy_from_zarn_data,
     .map_to_zarn_data = map_to_zarn_data,
     .disassociate_zarn_data = disassociate_zarn_data,
-    .get_zarn_data_checksum = nullptr,
-    .copy_and_checksum_data = nullptr,
-    .get_zarn_checksum = nullptr,
-    .incremental_checksum = nullptr,
+    .get_zarn_data_checksum = get_zarn_data_checksum,
+    .copy_and_checksum_data = copy_and_checksum_data,
+    .get_zarn_checksum = get_zarn_checksum,
+    .incremental_checksum = incremental_checksum,
     .lock_zarn_data = nullptr,
     .unlock_zarn_data = nullptr,
     .zarn_create_tallylock = zarn_create_tallylock,

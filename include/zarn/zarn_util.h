@@ -158,10 +158,32 @@ typedef struct zarn_util_module_t {
     // leaves. Pools, then heap.
     int32_t (*disassociate_zarn_data)(zarn_data_t *data, uint32_t offset, uint32_t length);
 
-    // Internet checksums
+    // -- Internet checksums (RFC 1071).
+    //
+    // A checksum is the complement of the one's complement sum of 16-bit words, the value that goes into a
+    // header. Words are counted from the first byte of the range, at whatever address it lies; a byte left
+    // over counts as a word with a 0 behind it. Results have 16 bits, zero-extended, in host order: stored as
+    // a host-order 16-bit field they have the right bytes on the wire. Lengths and offsets are bytes, and any
+    // value of either may be passed. Any context; the caller owns the buffer for the time of the call.
+
+    // The checksum of bytes `offset` to `offset` + `length` - 1, over however many pieces. 0xffff for a
+    // `length` of 0; 0 for a range that reaches beyond the data, and for any range of an empty buffer.
+    // Neither asks nor changes the remembered checksum.
     uint32_t (*get_zarn_data_checksum)(zarn_data_t *data, uint32_t offset, uint32_t length);
+
+    // Copies the range to `dest`, which overlaps none of it, and returns its checksum, in one walk. Results
+    // as above; with a bad range nothing is copied. Over the whole of a buffer the checksum is remembered in
+    // it until its bytes change, and a call that finds it there COPIES NOTHING: whoever needs the bytes once
+    // more takes them with `copy_from_zarn_data`.
     uint32_t (*copy_and_checksum_data)(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);
+
+    // The checksum of memory, added to `seed`. With `seed` 0 that of the memory alone; with the checksum of
+    // what follows as `seed`, that of both together, provided that `length` is even.
     uint32_t (*get_zarn_checksum)(const void *buf, uint32_t length, uint16_t seed);
+
+    // The checksum after one word of the data has changed from `old_word` to `new_word` (RFC 1624, equation
+    // 4). It may give the other form of zero than a new computation. All three values are in the same byte
+    // order.
     uint32_t (*incremental_checksum)(uint16_t checksum, uint16_t old_word, uint16_t new_word);
 
     // -- Wiring of buffers for hardware; null in this version, like `get_data_memory_map`.
