@@ -5,10 +5,9 @@
 // declarations itself.
 //
 // - The list holds pointers to items and owns nothing but its own nodes. Items that compare equal can't stand
-// in one
-//   list. What the compare function reads of an item must not change while the item is in the list.
+//   in one list. What the compare function reads of an item must not change while the item is in the list.
 // - No operation locks: whoever shares a list guards it. Readers (search, count, for_each) may run beside
-// each other.
+//   each other.
 // - Thread level only. new and insert reach the heap and may block there, delete and free give back to it.
 // - `list` is never null, except for skiplist_free.
 

@@ -6,8 +6,7 @@
 //
 // - Thread level is any thread of the process; one that the kernel didn't spawn gets an id at its first use.
 // - Interrupt level is a handler installed with hosted_install_interrupt. While a thread is inside one of the
-// kernel's
-//   own critical sections its interrupts are held back and run right behind, as a kernel masks them.
+//   kernel's own critical sections its interrupts are held back and run right behind, as a kernel masks them.
 // - Everything here is for thread level, and may be called by any thread.
 
 #ifndef ZARN_PLATFORM_HOSTED_HOSTED_KERNEL_H

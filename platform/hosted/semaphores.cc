@@ -6,18 +6,16 @@
 // goes stale with its semaphore), whether anybody waits, and a lock bit that guards the line of waiters.
 //
 // - Fast path: with nobody in the line and the lock bit clear, an acquire that finds its units and a release
-// are one
-//   compare-exchange each. It compares the generation too, so a stale id can't touch the semaphore that came
-//   after.
+//   are one compare-exchange each. It compares the generation too, so a stale id can't touch the semaphore
+//   that came after.
 // - Slow path: take the lock bit, look again, change line and units, and give the bit back with the new
-// state. While the
-//   waiting bit is set, every acquire joins the line and every release deals from it, so nobody overtakes.
+//   state. While the waiting bit is set, every acquire joins the line and every release deals from it, so
+//   nobody overtakes.
 // - A waiter sleeps on a word of its own. Who deals units takes the waiters that can be served out of the
-// line under
-//   the lock bit, gives the bit back, and only then writes the verdicts. A waiter that leaves on its own
-//   account (time-out, interruption) takes the lock bit: if it still stands in the line it leaves and nothing
-//   was given to it; if not, its verdict is on the way, it waits for that and obeys it. So no unit gets lost,
-//   and no verdict meets a dead waiter.
+//   line under the lock bit, gives the bit back, and only then writes the verdicts. A waiter that leaves on
+//   its own account (time-out, interruption) takes the lock bit: if it still stands in the line it leaves and
+//   nothing was given to it; if not, its verdict is on the way, it waits for that and obeys it. So no unit
+//   gets lost, and no verdict meets a dead waiter.
 //
 // Ordering: units are released by a read-modify-write with release order and taken by one with acquire order
 // on the same word, and every change between is a read-modify-write; a verdict is an exchange with release
