@@ -14,6 +14,7 @@
 #include "module/settings_utils.h"
 #include "module/tallylock.h"
 #include "platform/kern.h"
+#include "roster/zarn_roster.h"
 #include "sync/zarn_fifo.h"
 #include "sync/zarn_rwlock.h"
 #include "sync/zarn_timer.h"
@@ -57,17 +58,23 @@ int32_t uninit_pools() {
 
 int32_t init_util() {
     kern_debug_add_command("zarn_data", zarn_data_dump, "dump a zarn_data_t");
-    if (init_pools() != 0) {
-        kern_debug_remove_command("zarn_data", zarn_data_dump);
-        return -1;
-    }
+    if (init_pools() != 0) goto remove_command;
+    if (init_roster() != 0) goto stop_pools;
     return 0;
+
+stop_pools:
+    uninit_pools();
+remove_command:
+    kern_debug_remove_command("zarn_data", zarn_data_dump);
+    return -1;
 }
 
 int32_t uninit_util() {
-    uninit_pools();
+    // The roster refuses while a family is cached. Its modules use the services, so those stay as well.
+    const int32_t status = uninit_roster();
+    if (status == 0) uninit_pools();
     kern_debug_remove_command("zarn_data", zarn_data_dump);
-    return 0;
+    return status;
 }
 
 int32_t std_ops(int32_t op) {
@@ -136,10 +143,10 @@ static const zarn_util_module_t gZarnUtilModule = {
     .clear_zarn_fifo = clear_zarn_fifo,
     .zarn_masked_cmp = zarn_masked_cmp,
     .zarn_masked_copy = zarn_masked_copy,
-    .get_outbound_protos = nullptr,
-    .get_inbound_proto = nullptr,
-    .get_family_ref = nullptr,
-    .release_family_ref = nullptr,
+    .get_outbound_protos = get_outbound_protos,
+    .get_inbound_proto = get_inbound_proto,
+    .get_family_ref = get_family_ref,
+    .release_family_ref = release_family_ref,
     .get_config_int32 = get_config_int32,
     .get_config_bool = get_config_bool,
     .zarn_falloc = zarn_falloc,
