@@ -14,6 +14,7 @@
 #include "module/settings_utils.h"
 #include "module/tallylock.h"
 #include "platform/kern.h"
+#include "roster/zarn_endpoint.h"
 #include "roster/zarn_roster.h"
 #include "sync/zarn_fifo.h"
 #include "sync/zarn_rwlock.h"
@@ -164,13 +165,13 @@ static const zarn_util_module_t gZarnUtilModule = {
     ._exit_prof_func = nullptr,
     .log_data_path = log_data_path,
     .print_memuse = print_memuse,
-    .ep_new_endpoint = nullptr,
-    .ep_delete_endpoint = nullptr,
-    .ep_spawn_endpoint = nullptr,
-    .ep_dequeue_endpoint = nullptr,
-    .ep_ready_endpoint = nullptr,
-    .ep_set_backlog = nullptr,
-    .ep_notify_endpoint = nullptr,
+    .ep_new_endpoint = ep_new_endpoint,
+    .ep_delete_endpoint = ep_delete_endpoint,
+    .ep_spawn_endpoint = ep_spawn_endpoint,
+    .ep_dequeue_endpoint = ep_dequeue_endpoint,
+    .ep_ready_endpoint = ep_ready_endpoint,
+    .ep_set_backlog = ep_set_backlog,
+    .ep_notify_endpoint = ep_notify_endpoint,
     .zarn_notify = nullptr,
 };
 

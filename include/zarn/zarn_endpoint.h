@@ -89,6 +89,39 @@ typedef struct zarn_endpoint_t {
 
 #ifdef __cplusplus
 }
+
+// Protocol modules were compiled against these offsets. They are those of i386, where a 64-bit integer is
+// aligned to four bytes, and of LP64.
+#define EP_OFFSET(field, ilp32, lp64) \
+    static_assert(offsetof(zarn_endpoint_t, field) == (sizeof(void *) == 4 ? (ilp32) : (lp64)))
+EP_OFFSET(top_module, 8, 8);
+EP_OFFSET(protocols, 12, 16);
+EP_OFFSET(event2_value, 16, 24);
+EP_OFFSET(inherited_blob, 20, 32);
+EP_OFFSET(own_blob, 60, 80);
+EP_OFFSET(module_word, 100, 128);
+EP_OFFSET(family, 104, 132);
+EP_OFFSET(key1, 108, 136);
+EP_OFFSET(key2, 112, 140);
+EP_OFFSET(copied_word_1, 116, 144);
+EP_OFFSET(copied_word_2, 120, 148);
+EP_OFFSET(tuning_a, 124, 152);
+EP_OFFSET(tuning_b, 140, 168);
+EP_OFFSET(parent, 156, 184);
+EP_OFFSET(next, 160, 192);
+EP_OFFSET(prev_link, 164, 200);
+EP_OFFSET(ready_head, 168, 208);
+EP_OFFSET(ready_tail, 172, 216);
+EP_OFFSET(pending_head, 176, 224);
+EP_OFFSET(backlog, 180, 232);
+EP_OFFSET(room, 184, 236);
+EP_OFFSET(hooks, 188, 240);
+#undef EP_OFFSET
+static_assert(sizeof(zarn_endpoint_t) == (sizeof(void *) == 4 ? 200 : 264));
+static_assert(sizeof(ep_blob) == (sizeof(void *) == 4 ? 40 : 48));
+static_assert(sizeof(ep_tuning) == 16);
+static_assert(sizeof(proto_node) == 5 * sizeof(void *));
+static_assert(offsetof(ep_hook, next) == 0 && offsetof(ep_hook, one_shot) == 4 * sizeof(void *));
 #endif
 
 #endif
