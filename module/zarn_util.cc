@@ -11,6 +11,7 @@
 #include "module/allocator.h"
 #include "module/incremental_checksum.h"
 #include "module/masked.h"
+#include "module/notify.h"
 #include "module/settings_utils.h"
 #include "module/tallylock.h"
 #include "platform/kern.h"
@@ -172,7 +173,7 @@ static const zarn_util_module_t gZarnUtilModule = {
     .ep_ready_endpoint = ep_ready_endpoint,
     .ep_set_backlog = ep_set_backlog,
     .ep_notify_endpoint = ep_notify_endpoint,
-    .zarn_notify = nullptr,
+    .zarn_notify = zarn_notify,
 };
 
 extern "C" __attribute__((visibility("default"))) const void *const modules[] = {&gZarnUtilModule, nullptr};

@@ -297,19 +297,60 @@ typedef struct zarn_util_module_t {
     // 0, or the error of a dead lock. Blocks until the consumers have left their wait.
     int32_t (*clear_zarn_fifo)(zarn_fifo_t *fifo);
 
-    // Bytes under a mask
+    // -- Bytes under a mask. Any context; the areas hold `length` bytes each, at any alignment.
+
+    // Compares `a` and `b` where `mask` has ones: 1, 0 or -1. The first difference decides; it is sought by
+    // unsigned 32-bit words in the machine's order, then by the bytes that are left. So the sign is not that
+    // of memcmp: on a little-endian machine the last byte of a word weighs most. Equality does not depend on
+    // this.
     int32_t (*zarn_masked_cmp)(const void *a, const void *b, const void *mask, int32_t length);
+
+    // Copies `src` to `dst`. Where `mask` has zeros `dst` gets zeros; it does not keep its old bits.
     void (*zarn_masked_copy)(void *dst, const void *src, const void *mask, int32_t length);
 
-    // The roster
+    // -- The roster: the protocol modules of an address family, as the section `domains` of zarn.conf names
+    // them.
+    //
+    // A family is read at its first lookup and its stacks are loaded one by one at theirs. All of it stays
+    // while a reference on the family stands and goes with the last one: modules are released, and the
+    // settings are read anew at the next lookup. Thread level; the operations take the roster's lock and hold
+    // it while modules load and go, so no module may call them from its start and stop routines.
+
+    // Finds the stack (key1, key2) of the family, among "dl" with `dl` not 0 and among "out" otherwise. On 0
+    // the caller holds a new reference on the family, to be given back with `release_family_ref`; `*tables`
+    // is the array of
+    // `*count` module records in the order of the settings, good as long as that reference stands. key2 -1
+    // takes any stack under key1. On failure nothing is stored and no reference taken: ERR_BAD_VALUE `tables`
+    // or `count` is null ERR_NO_FAMILY    the settings have no section for the family ERR_NO_STACK     the
+    // family has no such stack ERR_NO_MEMORY    out of memory while the family was read -1               no
+    // settings file, a module that can't be loaded, or the lock can't be had
     int32_t (*get_outbound_protos)(uint8_t dl, int32_t family, int32_t key1, int32_t key2, void ***tables,
                                    int32_t *count);
+
+    // Finds the module that receives `key2` in the family. On 0 `*table` is its record. No reference is
+    // taken: the record is good as long as the caller's own reference on the family stands. On a family that
+    // nobody holds a reference on, the module would be gone at once, so the result is -1. `*table` is written
+    // on success only; the other failures are those of `get_outbound_protos`.
     int32_t (*get_inbound_proto)(int32_t family, int32_t key2, void **table);
+
+    // Adds a reference to a family that is held already. -1, with a line in the log, when it isn't loaded.
     int32_t (*get_family_ref)(int32_t family);
+
+    // Gives back one reference: of a successful outbound lookup, of `get_family_ref`, or of an endpoint that
+    // the caller has deleted. The last one releases the family's modules. -1, with a line in the log, when it
+    // isn't loaded.
     int32_t (*release_family_ref)(int32_t family);
 
-    // Flat settings
+    // -- Flat settings: the top-level parameters of zarn.conf. Each call opens, reads and closes the file, so
+    // a change takes effect at the next call. Thread level.
+
+    // The value of `key` as a decimal number that fills the text, sign and leading blanks accepted; one
+    // beyond 32 bits stops at the limit. `default_value` when the key or its value is missing or is no
+    // number; when the file can't be loaded as well, with a line in the log.
     int32_t (*get_config_int32)(const char *key, int32_t default_value);
+
+    // The value of `key` as the kernel reads its words for true and false, 0 or not 0. `default_value` as
+    // above.
     uint8_t (*get_config_bool)(const char *key, uint8_t default_value);
 
     // -- The allocator of the stack: pools of fixed blocks in front of the heap.
@@ -369,16 +410,55 @@ typedef struct zarn_util_module_t {
     void (*log_data_path)(void);
     void (*print_memuse)(void);
 
-    // Endpoints
+    // -- Endpoints; their record is in <zarn/zarn_endpoint.h>, hooks on their events in
+    // <zarn/zarn_endpoint_hooks.h>.
+    //
+    // Thread level. Each operation takes the lock of the endpoint that it is called for (`ep_ready_endpoint`
+    // that of the parent) and calls hooks and protocols with it held, so none of those may call back on that
+    // endpoint. An endpoint belongs to the client that created it; a child belongs to its listener until it
+    // is dequeued.
+
+    // Makes an endpoint with a chain of the "out" stack (key1, key2) of `family`, protocols initialised from
+    // the last named to the first. On 0 `*out` is the endpoint, and a reference on the family goes with it.
+    // On failure `*out` is null and nothing is left: the status of `get_outbound_protos`, or -1 when memory,
+    // a lock or a protocol refuses.
     int32_t (*ep_new_endpoint)(zarn_endpoint_t **out, int32_t family, int32_t key1, int32_t key2);
+
+    // Deletes the endpoint, the children on its lists before it, theirs before them, each with its chain. The
+    // caller owns the endpoint, no other call on it is under way, and its hooks are off. For the endpoint
+    // itself the caller gives the family reference back afterwards: `release_family_ref` with the `family`
+    // noted before. Those of the children that go along are given back here.
     void (*ep_delete_endpoint)(zarn_endpoint_t *ep);
+
+    // Makes a child from the same stack, on the listener's pending list, with copies of the inherited blob,
+    // both copied words and both tunings. Null, with nothing changed, when the backlog is used up, the
+    // listener is closed, an inherited blob exceeds EP_BLOB_BYTES, or the child can't be made.
     zarn_endpoint_t *(*ep_spawn_endpoint)(zarn_endpoint_t *parent);
+
+    // Hands out the child that has been ready longest, or null when there is none. It becomes the caller's,
+    // who deletes it like an endpoint of its own making, and no longer counts against the backlog. Doesn't
+    // wait.
     zarn_endpoint_t *(*ep_dequeue_endpoint)(zarn_endpoint_t *listener);
+
+    // Moves a pending child to the end of its listener's ready list and raises EP_EVENT_READY there, with the
+    // value 1. Once per child. Without effect on a child that was handed out and when the listener is closed.
     void (*ep_ready_endpoint)(zarn_endpoint_t *child);
+
+    // Sets how many children the listener may hold. Those above the new limit are deleted: pending ones,
+    // newest first, then ready ones, oldest first. A new endpoint has 0; a negative limit deletes all and
+    // refuses new ones. Not for an endpoint that is being deleted. 0, or the error of the unlock.
     int32_t (*ep_set_backlog)(zarn_endpoint_t *listener, uint32_t backlog);
+
+    // Calls the hooks of `event` with `value`, one-shot hooks for the last time. EP_EVENT_STORED stores the
+    // value in `event2_value` before. 0, ERR_BAD_VALUE for an event that doesn't exist, or the error of the
+    // unlock.
     int32_t (*ep_notify_endpoint)(zarn_endpoint_t *ep, uint32_t event, uint32_t value);
 
-    // Notifications
+    // -- Notifications.
+
+    // Sends the message of <zarn/zarn_notify.h> to the module "network/zarn_notify", which is acquired for
+    // the call. The payload is copied: the memory is the caller's again on return; null sends `length` zeros.
+    // 0 when it was delivered, otherwise -1, with lines in the log. Thread level.
     int32_t (*zarn_notify)(uint32_t kind, uint32_t detail, void *payload, uint32_t length);
 } zarn_util_module_t;
 
