@@ -18,7 +18,6 @@
 #include <memory>
 #include <mutex>
 #include <sstream>
-#include <thread>
 #include <unordered_map>
 #include <utility>
 
@@ -343,6 +342,19 @@ void clock_moved() {
     k().changed.notify_all();
 }
 
+// The time at which the next sleeper or waiter is due.
+int64_t next_wakeup() {
+    int64_t next = KERN_TIMEOUT_FOREVER;
+    for (auto &[id, t] : k().threads) {
+        if (t.state == thread::kAsleep) next = std::min(next, t.wake);
+    }
+    for (auto &[id, sem] : k().sems) {
+        for (waiter *w : sem.line)
+            next = std::min(next, w->deadline);
+    }
+    return next;
+}
+
 int32_t acquire(int32_t id, int32_t units, uint32_t flags, int64_t timeout) {
     lock held(k().mutex);
     k().sem_calls++;
@@ -533,6 +545,31 @@ void advance(int64_t microseconds) {
     lock held(k().mutex);
     k().time += microseconds;
     clock_moved();
+}
+
+running_clock::running_clock() {
+    thread_ = std::thread([this] {
+        lock held(k().mutex);
+        for (;;) {
+            int64_t next;
+            k().changed.wait(held, [&] {
+                next = next_wakeup();
+                return stop_ || next != KERN_TIMEOUT_FOREVER;
+            });
+            if (stop_) return;
+            k().time = next;
+            clock_moved();
+        }
+    });
+}
+
+running_clock::~running_clock() {
+    {
+        lock held(k().mutex);
+        stop_ = true;
+        k().changed.notify_all();
+    }
+    thread_.join();
 }
 
 void wait_until_asleep(const char *name) {

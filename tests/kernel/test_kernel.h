@@ -22,6 +22,7 @@
 #include <cstdint>
 #include <memory>
 #include <string>
+#include <thread>
 #include <vector>
 
 #include "platform/kern.h"
@@ -51,6 +52,22 @@ constexpr int64_t kStartTime = 10'000'000;
 int64_t now();
 void advance(int64_t microseconds);  // wakes whoever is due
 void set_time(int64_t time);         // the same, to an absolute time; backwards wakes nobody
+
+// As long as this lives, time goes by itself: from one wake-up to the next, whenever somebody waits for one.
+// For a stop that waits for a sleeping thread:
+//
+//     running_clock clock;
+//     uninit_zarn_timers();
+class running_clock {
+ public:
+    running_clock();
+    ~running_clock();
+    running_clock(const running_clock &) = delete;
+
+ private:
+    bool stop_ = false;
+    std::thread thread_;
+};
 
 void wait_until_asleep(const char *thread);  // until the thread of that name sleeps, with its wake-up ahead
 void wait_until_gone(const char *thread);    // until no thread of that name exists
