@@ -74,18 +74,18 @@ void release_descriptor(free_descriptor *descriptor) {
 void delete_zarn_data(zarn_data_t *data) {
     for (mem_node *node = data->freelist; node != nullptr; node = node->next) {
         free_descriptor *descriptor = (free_descriptor *)node->base;
-        // Releases what this buffer's owner did to the descriptor and its memory, and, for the last holder,
-        // acquires what all the others did before they dropped theirs.
+        // Releases what this buffer's owner did to the descriptor and its memory, and, for the last
+        // holder, acquires what all the others did before they dropped theirs.
         if (kern_fetch_add(&descriptor->ref_count, -1) == 1) release_descriptor(descriptor);
     }
     free_node_pools(data);
     zarn_free(data);
 }
 
-// True while this buffer, which holds a reference, is the only one that does. No other thread can raise the
-// count then. Acquire, because the caller goes on to write the descriptor: it pairs with the full barrier of
-// the `kern_fetch_add` with which another holder dropped its reference, so that nothing this holder still
-// read or wrote in the descriptor before that can meet the writes that follow here.
+// True while this buffer, which holds a reference, is the only one that does. No other thread can raise
+// the count then. Acquire, because the caller goes on to write the descriptor: it pairs with the full
+// barrier of the `kern_fetch_add` with which another holder dropped its reference, so that nothing this
+// holder still read or wrote in the descriptor before that can meet the writes that follow here.
 static inline bool is_unshared(const free_descriptor *descriptor) {
     return __atomic_load_n(&descriptor->ref_count, __ATOMIC_ACQUIRE) == 1;
 }
@@ -157,8 +157,8 @@ int32_t insert_zarn_data(zarn_data_t *data, uint32_t offset, void *addr, uint32_
     piece->base = addr;
     piece->len = length;
 
-    // Unlike `locate_data` this stops at a node that ends exactly at the offset: the piece goes behind it,
-    // unsplit.
+    // Unlike `locate_data` this stops at a node that ends exactly at the offset: the piece goes behind
+    // it, unsplit.
     mem_node *node = data->datalist;
     uint32_t distance = offset;
     while (node->len < distance) {

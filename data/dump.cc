@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// The debugger command "zarn_data". It runs with the machine stopped, so it takes no lock and trusts nothing
-// more than it has to: both lists of a buffer may loop.
+// The debugger command "zarn_data". It runs with the machine stopped, so it takes no lock and trusts
+// nothing more than it has to: both lists of a buffer may loop.
 
 #include "data/zarn_data.h"
 #include "platform/kern.h"

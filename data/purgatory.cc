@@ -4,41 +4,40 @@
 // FREE_INTERRUPT_SAFE descriptors. The thread's half does the rest.
 //
 // Who gives up a reference, and who frees what:
-// - Each buffer gives up exactly one reference for each node of its free list: for a descriptor with the bit
-// in the
-//   caller's half, for any other in the thread's.
+// - Each buffer gives up exactly one reference for each node of its free list: for a descriptor with the
+//   bit in the caller's half, for any other in the thread's.
 // - The elements are freed by whoever gave up the last reference, on the spot.
-// - A descriptor whose last reference went in the caller's half keeps its node: its block is what the thread
-// still has to
-//   give back, and nobody else can reach it. One whose reference was not the last loses its node: the others
-//   may release it before the thread comes to this buffer, so the thread must not even look at it.
+// - A descriptor whose last reference went in the caller's half keeps its node: its block is what the
+//   thread still has to give back, and nobody else can reach it. One whose reference was not the last
+//   loses its node: the others may release it before the thread comes to this buffer, so the thread must
+//   not even look at it.
 //
 // The sleep. The thread announces it in `sleeping`, looks at `running` once more, and acquires `sem`. A
-// deletion that passes the threshold, and the stop, take the announcement away by one exchange, and only who
-// found it set releases a unit. So there is at most one unit per announcement, the wake-up, and it can come
-// before the thread blocks: the semaphore keeps it, and the acquire takes it at once. A wake-up unit is on
-// the semaphore or on its way only between an announcement and the end of the acquire behind it.
+// deletion that passes the threshold, and the stop, take the announcement away by one exchange, and only
+// who found it set releases a unit. So there is at most one unit per announcement, the wake-up, and it
+// can come before the thread blocks: the semaphore keeps it, and the acquire takes it at once. A wake-up
+// unit is on the semaphore or on its way only between an announcement and the end of the acquire behind
+// it.
 //
-// The stop. `sem` also tells the stop that the thread has left: the thread's last act is to release one unit.
-// The cases, by where the thread is when the stop stores 0 in `running` and then exchanges `sleeping`:
-//  1. At work, or on its way to the announcement: the stop finds no announcement and releases nothing. Both
-//  change
-//     `sleeping` atomically, so the thread's announcement comes behind the stop's exchange and its second
-//     look at `running` sees 0. It takes the announcement back, and leaves by the next empty pop.
-//  2. Announced, and its second look sees 0: if it finds the announcement still there, nobody will release
-//  and case 1
-//     goes on. If it is gone, whoever took it owes a unit, and the thread acquires it as ever: nothing stays
-//     behind.
-//  3. Blocked: the stop takes the announcement and its unit goes straight to the waiting thread, never to the
-//  stop's own
-//     acquire that comes later.
-//  4. Past its second look, but not in line yet: the stop, or a deletion before it, has put the wake-up on
-//  the semaphore
-//     and the stop's acquire may take it. Then `gThreadLeft` isn't set, so the stop knows what it holds: it
-//     gives the unit back and sleeps a moment, which lets the thread get in line. Nothing else in the kernel
-//     tells how far the thread is. Once in line the thread is served first, as in case 3.
-// In all cases the thread sets `gThreadLeft` before its last release, and no wake-up is owed to it by then:
-// the unit on which the stop returns is the one of the exit, or it finds the thread gone anyhow.
+// The stop. `sem` also tells the stop that the thread has left: the thread's last act is to release one
+// unit. The cases, by where the thread is when the stop stores 0 in `running` and then exchanges
+// `sleeping`:
+//  1. At work, or on its way to the announcement: the stop finds no announcement and releases nothing.
+//     Both change `sleeping` atomically, so the thread's announcement comes behind the stop's exchange
+//     and its second look at `running` sees 0. It takes the announcement back, and leaves by the next
+//     empty pop.
+//  2. Announced, and its second look sees 0: if it finds the announcement still there, nobody will
+//     release and case 1 goes on. If it is gone, whoever took it owes a unit, and the thread acquires it
+//     as ever: nothing stays behind.
+//  3. Blocked: the stop takes the announcement and its unit goes straight to the waiting thread, never to
+//     the stop's own acquire that comes later.
+//  4. Announced, but not in line yet: the stop, or a deletion before it, has put the wake-up on the
+//     semaphore, and the stop's acquire may be the one that takes it. Then `gThreadLeft` isn't set, so the
+//     stop gives the unit back and stays away from the semaphore until it is: the thread takes its unit and
+//     leaves.
+//
+// The thread sets `gThreadLeft` before its last release, and by then it has taken every wake-up that was
+// owed to it: the unit on which the stop returns is the one of the exit.
 
 #include "data/purgatory.h"
 
@@ -51,10 +50,11 @@ data_purgatory gPurgy;
 static int32_t gThreadLeft;  // 1 once the thread has nothing more to do but its last release
 
 static constexpr int32_t kThreadPriority = 5;
-static constexpr int64_t kStopRetryUs = 1000;
+static constexpr int32_t kYieldsBeforeSleep = 10000;
+static constexpr int64_t kStopPollUs = 1000;
 
-// `count` is a hint: an update may be lost between the load and the store, and the next wake-up comes earlier
-// or later.
+// `count` is a hint: an update may be lost between the load and the store, and the next wake-up comes
+// earlier or later.
 static inline int32_t change_count(int32_t delta) {
     int32_t before = __atomic_load_n(&gPurgy.count, __ATOMIC_RELAXED);
     __atomic_store_n(&gPurgy.count, before + delta, __ATOMIC_RELAXED);
@@ -101,8 +101,8 @@ static inline bool is_stopping(const data_purgatory *purgatory) {
 int32_t purgatory_thread_func(void *arg) {
     data_purgatory *purgatory = (data_purgatory *)arg;
     for (;;) {
-        // Read before the pop: only a stack that was empty when the stop had begun stays empty. The other way
-        // round a buffer could arrive between an empty pop and the stop, and be left behind.
+        // Read before the pop: only a stack that was empty when the stop had begun stays empty. The other
+        // way round a buffer could arrive between an empty pop and the stop, and be left behind.
         bool stopping = is_stopping(purgatory);
         void *top = atomic_pop(&purgatory->stack);
         if (top != &purgatory->stack.sentinel) {
@@ -140,14 +140,19 @@ int32_t init_data_purgatory(int32_t threshold) {
     return 0;
 }
 
+static inline bool has_thread_left() {
+    return __atomic_load_n(&gThreadLeft, __ATOMIC_ACQUIRE) != 0;
+}
+
 int32_t uninit_data_purgatory() {
     __atomic_store_n(&gPurgy.running, 0, __ATOMIC_RELEASE);
     if (kern_fetch_and(&gPurgy.sleeping, 0) != 0) kern_sem_release_ex(gPurgy.sem, 1, KERN_SEM_NO_RESCHEDULE);
     kern_sem_acquire_ex(gPurgy.sem, 1, 0, 0);
-    while (__atomic_load_n(&gThreadLeft, __ATOMIC_ACQUIRE) == 0) {
-        // This was the wake-up of a thread that is on its way into the line (case 4).
+    if (!has_thread_left()) {
+        // The wake-up of a thread on its way into the line (case 4). The way is a few instructions long.
         kern_sem_release_ex(gPurgy.sem, 1, KERN_SEM_NO_RESCHEDULE);
-        kern_sleep_us(kStopRetryUs);
+        for (int32_t polls = 0; !has_thread_left(); ++polls)
+            kern_sleep_us(polls < kYieldsBeforeSleep ? 0 : kStopPollUs);
         kern_sem_acquire_ex(gPurgy.sem, 1, 0, 0);
     }
     return kern_sem_delete(gPurgy.sem);

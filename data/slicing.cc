@@ -3,8 +3,9 @@
 // Ranges of bytes between and inside buffers: shared, copied, read out, removed, made contiguous, made
 // private.
 //
-// A range that leaves a buffer frees neither its memory nor its nodes; both stay until the buffer is deleted.
-// Memory that an operation allocates belongs to the buffer through a descriptor with `zarn_free`.
+// A range that leaves a buffer frees neither its memory nor its nodes; both stay until the buffer is
+// deleted. Memory that an operation allocates belongs to the buffer through a descriptor with
+// `zarn_free`.
 
 #include <zarn/status.h>
 
@@ -17,8 +18,8 @@ static inline uint32_t min_of(uint32_t a, uint32_t b) {
     return a < b ? a : b;
 }
 
-// Copies one piece and returns the place behind it. An empty piece may have a null base, which `memcpy` must
-// not see.
+// Copies one piece and returns the place behind it. An empty piece may have a null base, which `memcpy`
+// must not see.
 static inline uint8_t *copy_piece(uint8_t *dest, const void *base, uint32_t length) {
     if (length != 0) memcpy(dest, base, length);
     return dest + length;
@@ -47,8 +48,8 @@ uint32_t copy_from_zarn_data(zarn_data_t *data, uint32_t offset, void *dest, uin
     return length;
 }
 
-// Gives `dst` a reference on every descriptor of `src`: a buffer doesn't know which of them owns which node's
-// bytes.
+// Gives `dst` a reference on every descriptor of `src`: a buffer doesn't know which of them owns which
+// node's bytes.
 static int32_t share_descriptors(zarn_data_t *dst, const zarn_data_t *src) {
     for (const mem_node *held = src->freelist; held != nullptr; held = held->next) {
         mem_node *node = take_node(dst);
@@ -207,9 +208,9 @@ int32_t coalesce_zarn_data(zarn_data_t *data, uint32_t offset, uint32_t length) 
 int32_t disassociate_zarn_data(zarn_data_t *data, uint32_t offset, uint32_t length) {
     for (const mem_node *node = data->freelist; node != nullptr; node = node->next) {
         const free_descriptor *descriptor = (const free_descriptor *)node->base;
-        // A buffer that sees 1 holds the only reference, and nobody can raise it. Acquire, because the caller
-        // goes on to write the bytes: it pairs with the `kern_fetch_add` by which another holder, which may
-        // just have read these bytes, dropped its reference.
+        // A buffer that sees 1 holds the only reference, and nobody can raise it. Acquire, because the
+        // caller goes on to write the bytes: it pairs with the `kern_fetch_add` by which another holder,
+        // which may just have read these bytes, dropped its reference.
         if (__atomic_load_n(&descriptor->ref_count, __ATOMIC_ACQUIRE) > 1)
             return coalesce_zarn_data(data, offset, length);
     }

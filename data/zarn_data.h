@@ -47,8 +47,8 @@ int32_t zarn_data_dump(int32_t argc, char **argv);
 void isafe_delete_zarn_data(zarn_data_t *data);
 }
 
-// True when `offset` + `length` does not exceed the buffer's length, whatever the sum of the two does in 32
-// bits.
+// True when `offset` + `length` does not exceed the buffer's length, whatever the sum of the two does in
+// 32 bits.
 inline bool data_range_is_valid(const zarn_data_t *data, uint32_t offset, uint32_t length) {
     return length <= data->length && offset <= data->length - length;
 }
@@ -58,12 +58,12 @@ inline mem_node *pool_nodes(mem_node_pool *pool) {
     return reinterpret_cast<mem_node *>(pool + 1);
 }
 
-// Puts a pool with NODE_POOL_NODES fresh nodes at the head of the chain. 1, or 0 without memory, with nothing
-// changed.
+// Puts a pool with NODE_POOL_NODES fresh nodes at the head of the chain. 1, or 0 without memory, with
+// nothing changed.
 int32_t new_mnp(zarn_data_t *data);
 
-// A node for either list, or null without memory. Nodes are used from the last of a pool to the first, and
-// none comes back.
+// A node for either list, or null without memory. Nodes are used from the last of a pool to the first,
+// and none comes back.
 inline mem_node *take_node(zarn_data_t *data) {
     if (data->nodepools->n == 0 && !new_mnp(data)) [[unlikely]]
         return nullptr;
@@ -77,9 +77,8 @@ struct data_place {
     uint32_t distance;
 };
 
-// The first node whose end lies beyond `offset`. A node that ends exactly there is passed by, and so is an
-// empty one.
-// `*link` is null when the list ends before that; then `link` is the list's end.
+// The first node whose end lies beyond `offset`. A node that ends exactly there is passed by, and so is
+// an empty one. `*link` is null when the list ends before that; then `link` is the list's end.
 inline data_place locate_data(zarn_data_t *data, uint32_t offset) {
     mem_node **link = &data->datalist;
     while (*link != nullptr && (*link)->len <= offset) {
