@@ -174,13 +174,13 @@ void *kern_settings_load(const char *name);
 // Closes a handle. Called once for every handle that a load gave. The module ignores the result.
 int32_t kern_settings_unload(void *handle);
 
-// The first value of the top-level parameter `key`, `if_unknown` (may be null) when there is no such
-// parameter, or `if_no_value` (may be null) when it has no value.
+// The value of the top-level parameter `key`, `if_unknown` (may be null) when there is no such parameter or it
+// has several values, or `if_no_value` (may be null) when it has none.
 const char *kern_settings_string(void *handle, const char *key, const char *if_unknown,
                                  const char *if_no_value);
 
 // The same, read as a boolean: 0 or 1, or one of the two given values. Which words are true and false is the
-// port's.
+// port's; any other word counts as unknown.
 uint8_t kern_settings_bool(void *handle, const char *key, uint8_t if_unknown, uint8_t if_no_value);
 
 // The whole file, or null. What it points to is never written by the module.

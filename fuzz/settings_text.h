@@ -1,0 +1,60 @@
+// SPDX-License-Identifier: MIT
+//
+// A settings tree as text on one line that parses to an equal tree, for comparing trees.
+
+#ifndef ZARN_FUZZ_SETTINGS_TEXT_H
+#define ZARN_FUZZ_SETTINGS_TEXT_H
+
+#include <cstdio>
+#include <cstring>
+#include <string>
+
+#include "platform/kern.h"
+
+// The word in quotes. Every character that may be written as an escape is, when `all` says so.
+inline std::string quote_word(const std::string &word, bool all = false) {
+    std::string text = "\"";
+    for (const char character : word) {
+        const auto byte = static_cast<unsigned char>(character);
+        if (character == '"' || character == '\\') {
+            text.append(1, '\\').append(1, character);
+        } else if (all || byte < ' ' || byte == 127) {
+            char escape[5];
+            snprintf(escape, sizeof escape, "\\x%02x", byte);
+            text += character == '\n' ? "\\n" : character == '\t' ? "\\t" : escape;
+        } else {
+            text += character;
+        }
+    }
+    return text + '"';
+}
+
+inline std::string print_word(const std::string &word) {
+    bool bare = !word.empty() && word.rfind("\xef\xbb\xbf", 0) != 0;  // a mark at the start of a text is lost
+    for (const char character : word) {
+        const auto byte = static_cast<unsigned char>(character);
+        bare = bare && byte > ' ' && byte != 127 && strchr("{};#\"\\", character) == nullptr;
+    }
+    return bare ? word : quote_word(word);
+}
+
+inline std::string print_settings(const settings_parameter *parameters, int32_t count) {
+    std::string text;
+    for (int32_t i = 0; i < count; ++i) {
+        if (i > 0) text += "; ";
+        text += print_word(parameters[i].name);
+        for (int32_t j = 0; j < parameters[i].value_count; ++j)
+            text.append(" ").append(print_word(parameters[i].values[j]));
+        if (parameters[i].child_count == 0) continue;
+        text.append(" { ")
+            .append(print_settings(parameters[i].children, parameters[i].child_count))
+            .append(" }");
+    }
+    return text;
+}
+
+inline std::string print_settings(const settings_tree &tree) {
+    return print_settings(tree.parameters, tree.parameter_count);
+}
+
+#endif
