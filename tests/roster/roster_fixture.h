@@ -41,6 +41,7 @@ class protocols {
  public:
     static inline std::string refusing;  // the one whose init fails
     static inline bool tracing = true;
+    static inline bool watch_data = false;  // "uninit alpha 20": with the node's data
 
     // Provides modules under "network/" and these names.
     static void provide(const lines &names) {
@@ -62,7 +63,7 @@ class protocols {
         return std::string(static_cast<const module_head *>(table)->name).substr(8);
     }
 
-    // "init gamma below=-": who, and the chain that it finds below it.
+    // "init gamma", "init beta refused", "uninit gamma", since the last call.
     static lines take_trace() {
         std::lock_guard held(mutex_);
         return std::exchange(trace_, {});
@@ -75,6 +76,7 @@ class protocols {
         all_.clear();
         refusing.clear();
         tracing = true;
+        watch_data = false;
         EXPECT_EQ(nodes(), 0) << "protocols that were not told of their end";
         nodes_ = 0;
     }
@@ -91,7 +93,7 @@ class protocols {
     }
 
     static int32_t init(proto_node *node) {
-        std::string line = "init " + name_of(node->module);
+        std::string line = std::string("init ").append(name_of(node->module));
         EXPECT_EQ(node->endpoint->protocols, node->next);
         EXPECT_EQ(node->endpoint->top_module, nullptr);
         EXPECT_EQ(node->data, 0u);
@@ -107,7 +109,9 @@ class protocols {
 
     static int32_t uninit(proto_node *node) {
         __atomic_sub_fetch(&nodes_, 1, __ATOMIC_SEQ_CST);
-        note("uninit " + name_of(node->module));
+        std::string line = std::string("uninit ").append(name_of(node->module));
+        if (watch_data) line.append(" ").append(std::to_string(node->data));
+        note(line);
         return -1;  // means nothing
     }
 
