@@ -1,0 +1,358 @@
+// SPDX-License-Identifier: MIT
+
+#include "sync/zarn_fifo.h"
+
+#include <gtest/gtest.h>
+#include <zarn/status.h>
+
+#include <memory>
+
+#include "data/zarn_data.h"
+#include "module/tallylock.h"
+#include "tests/support/background.h"
+#include "tests/support/fixture.h"
+
+using namespace test_kernel;
+using lines = std::vector<std::string>;
+
+namespace {
+
+constexpr uint32_t kLimit = 100;
+constexpr int64_t kForever = KERN_TIMEOUT_FOREVER;
+char gBytes[2 * kLimit];
+
+// A dequeue on a thread of its own, with what it got.
+struct consumer {
+    consumer(zarn_fifo_t *fifo, int64_t timeout, uint8_t peek = 0)
+        : call([=, this] { return dequeue_zarn_fifo_data(fifo, &data, timeout, peek); }) {}
+    ~consumer() {
+        call.join();
+        if (data != nullptr) delete_zarn_data(data);
+    }
+    int32_t join() { return call.join(); }
+
+    zarn_data_t *data = reinterpret_cast<zarn_data_t *>(gBytes);  // a dequeue always stores
+    background call;
+};
+
+class fifo_test : public module_test {
+ protected:
+    void SetUp() override {
+        module_test::SetUp();
+        ASSERT_EQ(create_zarn_fifo(&fifo, "fifo", kLimit), 0);
+        clear_journal();
+    }
+
+    void TearDown() override {
+        if (fifo.lock.sem != -1) delete_zarn_fifo(&fifo);
+        module_test::TearDown();
+    }
+
+    static zarn_data_t *buffer(uint32_t length) {
+        zarn_data_t *data = new_zarn_data();
+        if (length != 0) {
+            EXPECT_EQ(append_zarn_data(data, gBytes, length, nullptr), 0);
+        }
+        return data;
+    }
+    // Takes a buffer of this length into the queue, or tells why not.
+    int32_t put(uint32_t length) {
+        zarn_data_t *data = buffer(length);
+        int32_t status = enqueue_zarn_fifo_data(&fifo, data);
+        if (status != 0) delete_zarn_data(data);
+        return status;
+    }
+    int32_t take(int64_t timeout = 0) { return consumer(&fifo, timeout).join(); }
+    std::unique_ptr<consumer> sleeper(int32_t line, int64_t timeout = kForever) {
+        auto result = std::make_unique<consumer>(&fifo, timeout);
+        wait_until_blocked("fifo", line);
+        return result;
+    }
+
+    zarn_fifo_t fifo;
+};
+
+TEST_F(kernel_test, AFifoThatCannotBeMadeLeavesNothing) {
+    zarn_fifo_t fifo;
+    const lines tried[] = {{"sem_create \"fifo_lock\" 0"},
+                           {"sem_create \"fifo_lock\" 0", "sem_set_owner \"fifo_lock\" 2",
+                            "sem_create \"fifo\" 0", "sem_delete \"fifo_lock\""}};
+    for (int32_t failing : {1, 2}) {
+        clear_journal();
+        fail_call(failing, kSemCreate);
+        EXPECT_EQ(create_zarn_fifo(&fifo, "fifo", 1), -1);
+        EXPECT_EQ(journal(), tried[failing - 1]);
+        EXPECT_EQ(leftovers(), "");
+    }
+}
+
+TEST_F(fifo_test, TheLimitCountsBytesAndAppliesToTheSum) {
+    EXPECT_EQ(put(kLimit + 1), ERR_NO_BUFFER_SPACE) << "even when the queue is empty";
+    EXPECT_EQ(put(60), 0);
+    EXPECT_EQ(put(41), ERR_NO_BUFFER_SPACE);
+    EXPECT_EQ(put(40), 0);
+    EXPECT_EQ(fifo.current_bytes, kLimit);
+    EXPECT_EQ(put(1), ERR_NO_BUFFER_SPACE);
+    EXPECT_EQ(put(0), 0);
+    zarn_data_t *data = new_zarn_data();
+    data->length = UINT32_MAX - kLimit + 1;  // the sum would wrap to 0
+    EXPECT_EQ(enqueue_zarn_fifo_data(&fifo, data), ERR_NO_BUFFER_SPACE);
+    delete_zarn_data(data);
+
+    EXPECT_EQ(take(), 60);
+    EXPECT_EQ(put(60), 0);
+    for (int32_t length : {40, 0, 60})
+        EXPECT_EQ(take(), length);
+    EXPECT_EQ(fifo.current_bytes, 0u);
+    EXPECT_EQ(take(), ERR_WOULD_BLOCK);
+
+    EXPECT_NE(fifo.tail, nullptr) << "stale, and must not be linked to";
+    EXPECT_EQ(put(3), 0);
+    EXPECT_EQ(fifo.head, fifo.tail);
+    EXPECT_EQ(take(), 3);
+    EXPECT_EQ(sem_calls(), 0) << "nobody slept";
+}
+
+TEST_F(fifo_test, TheLimitIsSoftForProducersThatComeTogether) {
+    zarn_lock_tallylock(&fifo.lock);
+    background first([this] { return put(70); });
+    background second([this] { return put(70); });
+    wait_until_blocked("fifo_lock", 2);
+    zarn_unlock_tallylock(&fifo.lock);
+    EXPECT_EQ(first.join() | second.join(), 0);
+    EXPECT_EQ(fifo.current_bytes, 140u);
+}
+
+TEST_F(fifo_test, APeekGivesACloneAndLeavesTheQueueAlone) {
+    for (uint32_t length : {70u, 0u}) {
+        put(length);
+        zarn_data_t *head = fifo.head;
+        head->user_word_1 = 11;
+        head->user_word_2 = 22;
+        consumer one(&fifo, 0, 1), two(&fifo, 0, 1);
+        EXPECT_EQ(one.join(), static_cast<int32_t>(length));
+        EXPECT_EQ(two.join(), static_cast<int32_t>(length));
+        EXPECT_NE(one.data, two.data);
+        for (zarn_data_t *clone : {one.data, two.data}) {
+            ASSERT_NE(clone, nullptr);
+            EXPECT_NE(clone, head);
+            EXPECT_EQ(clone->user_word_1, 11u);
+            EXPECT_EQ(clone->user_word_2, 22u);
+            if (length != 0) {
+                EXPECT_EQ(clone->datalist->base, gBytes) << "shared, not copied";
+            }
+        }
+        EXPECT_EQ(fifo.head, head);
+        EXPECT_EQ(fifo.current_bytes, length);
+        EXPECT_EQ(take(), static_cast<int32_t>(length));
+    }
+    auto waits = std::make_unique<consumer>(&fifo, kForever, 1);
+    wait_until_blocked("fifo");
+    put(5);
+    EXPECT_EQ(waits->join(), 5);
+    EXPECT_EQ(fifo.current_bytes, 5u);
+}
+
+TEST_F(fifo_test, APeekWithoutMemoryChangesNothing) {
+    zarn_data_t *data = new_zarn_data();
+    for (int i = 0; i < 20; ++i)  // more nodes than a buffer has room for
+        append_zarn_data(data, gBytes + 2 * i, 1, nullptr);
+    ASSERT_EQ(enqueue_zarn_fifo_data(&fifo, data), 0);
+    for (int32_t blocks = 0; blocks < 10; ++blocks) {
+        SCOPED_TRACE(blocks);
+        zarn_data_t *clone;
+        int32_t status;
+        {
+            starved_memory hunger(blocks);
+            status = dequeue_zarn_fifo_data(&fifo, &clone, 0, 1);
+        }
+        EXPECT_EQ(fifo.head, data);
+        EXPECT_EQ(fifo.current_bytes, 20u);
+        EXPECT_EQ(fifo.lock.count, 0);
+        if (status == 20) {
+            EXPECT_GT(blocks, 1);
+            delete_zarn_data(clone);
+            return;
+        }
+        EXPECT_EQ(status, ERR_NO_MEMORY);
+        EXPECT_EQ(clone, nullptr);
+    }
+    FAIL() << "never succeeded";
+}
+
+TEST_F(fifo_test, OneEnqueueWakesAllAndTheFirstTakesIt) {
+    auto first = sleeper(1), second = sleeper(2, 500);
+    EXPECT_EQ(fifo.waiters, 2);
+    EXPECT_EQ(put(9), 0);
+    EXPECT_EQ(journal("sem_release \"fifo\""), lines{"sem_release \"fifo\" 2 2"});
+    // Either may be quicker; the other sleeps again, with the whole of its time.
+    wait_until_blocked("fifo", 1);
+    EXPECT_EQ(fifo.waiters, 1);
+    EXPECT_EQ(put(8), 0);
+    EXPECT_EQ(first->join() + second->join(), 17);
+}
+
+TEST_F(fifo_test, AConsumerThatWasTooSlowWaitsItsWholeTimeAgain) {
+    auto slow = sleeper(1, 500);
+    advance(400);
+    zarn_lock_tallylock(&fifo.lock);
+    kern_sem_release(fifo.wait_sem);  // woken for nothing, as by an enqueue whose buffer another one took
+    wait_until_blocked("fifo_lock");
+    zarn_unlock_tallylock(&fifo.lock);
+    wait_until_blocked("fifo");
+    advance(499);
+    EXPECT_EQ(sem_waiters("fifo"), 1);
+    advance(1);
+    EXPECT_EQ(slow->join(), kTimedOut);
+    EXPECT_EQ(slow->data, nullptr);
+}
+
+TEST_F(fifo_test, AWaitEndsByTimeOrSignalWithTheStatusOfTheKernel) {
+    auto timed = sleeper(1, 500);
+    auto signalled = sleeper(2);
+    EXPECT_EQ(journal("sem_acquire"), (lines{"sem_acquire \"fifo\" 1 9", "sem_acquire \"fifo\" 1 9"}));
+    advance(500);
+    EXPECT_EQ(timed->join(), kTimedOut);
+    EXPECT_EQ(fifo.waiters, 1);
+    EXPECT_EQ(interrupt_waiters("fifo"), 1);
+    EXPECT_EQ(signalled->join(), kInterrupted);
+    EXPECT_EQ(fifo.waiters, 0);
+    EXPECT_EQ(signalled->data, nullptr);
+}
+
+TEST_F(fifo_test, AUnitReleasedBeforeTheAcquireWakesTheConsumer) {
+    stopping_point window("sem_acquire", "fifo");
+    consumer late(&fifo, kForever);
+    window.wait();
+    EXPECT_EQ(put(4), 0);
+    window.go_on();
+    EXPECT_EQ(late.join(), 4);
+    EXPECT_EQ(fifo.waiters, 0);
+    EXPECT_EQ(sem_count("fifo"), 0);
+}
+
+// The consumer leaves between the enqueue's look at the tally and its release: the tally falls below 0, a
+// unit is left over, and whoever sleeps next is neither forgotten nor kept from sleeping for long.
+TEST_F(fifo_test, ATimeoutThatCrossesAnEnqueueBalancesOut) {
+    for (bool clears : {false, true}) {
+        auto timed = sleeper(1, 500);
+        {
+            stopping_point window("sem_release", "fifo");
+            background producer([this] { return put(4); });
+            window.wait();
+            EXPECT_EQ(fifo.waiters, 0);
+            advance(500);
+            EXPECT_EQ(timed->join(), kTimedOut);
+            EXPECT_EQ(fifo.waiters, -1);
+            if (clears) {
+                EXPECT_EQ(clear_zarn_fifo(&fifo), 0);  // nobody to send away, and nothing to wait for
+            }
+            window.go_on();
+        }
+        EXPECT_EQ(sem_count("fifo"), 1);
+        EXPECT_EQ(take(), clears ? ERR_WOULD_BLOCK : 4);
+        auto next = sleeper(1);
+        EXPECT_EQ(fifo.waiters, 1) << "once for the unit left over, once for good";
+        EXPECT_EQ(put(5), 0);
+        EXPECT_EQ(next->join(), 5);
+        EXPECT_EQ(fifo.waiters, 0);
+        EXPECT_EQ(sem_count("fifo"), 0);
+    }
+
+    fifo.waiters = -1;
+    clear_journal();
+    EXPECT_EQ(put(6), 0);
+    EXPECT_EQ(journal(), lines{"sem_release \"fifo\" -1 2"});
+    EXPECT_EQ(fifo.waiters, 0);
+    EXPECT_EQ(sem_count("fifo"), 0);
+}
+
+TEST_F(fifo_test, AClearDeletesAndSendsSleepersAway) {
+    put(10);
+    put(20);
+    EXPECT_EQ(clear_zarn_fifo(&fifo), 0);
+    EXPECT_EQ(sem_calls(), 0) << "nobody sleeps";
+    EXPECT_EQ(blocks_out(), "");
+    EXPECT_EQ(fifo.current_bytes, 0u);
+    EXPECT_EQ(fifo.tail, nullptr);
+
+    for (int round = 0; round < 2; ++round) {
+        std::unique_ptr<consumer> sleepers[] = {sleeper(1), sleeper(2, 500), sleeper(3)};
+        EXPECT_EQ(clear_zarn_fifo(&fifo), 0);
+        for (auto &one : sleepers) {
+            EXPECT_EQ(one->join(), ERR_WOULD_BLOCK);
+            EXPECT_EQ(one->data, nullptr);
+        }
+        EXPECT_EQ(fifo.waiters, 0);
+        EXPECT_EQ(fifo.clearing, 0);
+        EXPECT_EQ(sem_count("fifo"), 0);
+    }
+    lines released = journal("sem_release \"fifo\"");
+    EXPECT_EQ(released[0], "sem_release \"fifo\" 3 2");
+    EXPECT_EQ(released[1], "sem_release \"fifo\" 1 0");
+    EXPECT_EQ(journal("sem_acquire \"fifo\" 3").at(0), "sem_acquire \"fifo\" 3 0");
+
+    auto next = sleeper(1);
+    EXPECT_EQ(put(5), 0);
+    EXPECT_EQ(next->join(), 5);
+}
+
+// A consumer that is on the tally and not yet in line, beside one that sleeps.
+TEST_F(fifo_test, AClearDoesNotWaitForAConsumerThatIsStillOnItsWay) {
+    for (bool arrives_during : {false, true}) {
+        auto asleep = sleeper(1);
+        stopping_point on_its_way("sem_acquire", "fifo");
+        consumer late(&fifo, kForever);
+        on_its_way.wait();
+        EXPECT_EQ(fifo.waiters, 2);
+        if (arrives_during) {
+            stopping_point gives_back("sem_release", "fifo");  // the sleeper, but not the clear
+            background clear([this, me = kern_thread_self()] {
+                as_thread setter(me);
+                return clear_zarn_fifo(&fifo);
+            });
+            gives_back.wait();
+            wait_until_blocked("fifo", 1);  // the clear
+            on_its_way.go_on();
+            wait_until_blocked("fifo", 2);
+            gives_back.go_on();
+            EXPECT_EQ(clear.join(), 0);
+        } else {
+            EXPECT_EQ(clear_zarn_fifo(&fifo), 0);
+            EXPECT_EQ(sem_count("fifo"), 0);
+            on_its_way.go_on();
+        }
+        EXPECT_EQ(asleep->join(), ERR_WOULD_BLOCK);
+        wait_until_blocked("fifo");
+        EXPECT_EQ(fifo.waiters, 1) << "it sleeps on, and the next enqueue knows of it";
+        EXPECT_EQ(put(5), 0);
+        EXPECT_EQ(late.join(), 5);
+        EXPECT_EQ(fifo.waiters, 0);
+        EXPECT_EQ(sem_count("fifo"), 0);
+    }
+}
+
+TEST_F(fifo_test, DeletionSendsSleepersAwayAndDeletesTheRest) {
+    auto asleep = sleeper(1);
+    stopping_point on_its_way("sem_acquire", "fifo");
+    consumer late(&fifo, kForever);
+    on_its_way.wait();
+    clear_journal();
+    zarn_data_t *queued = buffer(50);  // behind the back of those who sleep
+    fifo.head = fifo.tail = queued;
+    fifo.current_bytes = 50;
+    delete_zarn_fifo(&fifo);
+    EXPECT_EQ(journal(), (lines{"sem_delete \"fifo\"", "sem_delete \"fifo_lock\""}));
+    EXPECT_EQ(blocks_out(), "");
+    EXPECT_EQ(asleep->join(), kDeadSemaphore);
+    on_its_way.go_on();
+    EXPECT_EQ(late.join(), kDeadSemaphore);
+    EXPECT_EQ(late.data, nullptr);
+    EXPECT_EQ(fifo.waiters, 0);
+
+    EXPECT_EQ(put(60), kDeadSemaphore);
+    EXPECT_EQ(take(), kDeadSemaphore);
+    EXPECT_EQ(clear_zarn_fifo(&fifo), kDeadSemaphore);
+}
+
+}  // namespace

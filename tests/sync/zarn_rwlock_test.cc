@@ -1,0 +1,322 @@
+// SPDX-License-Identifier: MIT
+
+#include "sync/zarn_rwlock.h"
+
+#include <gtest/gtest.h>
+
+#include <deque>
+#include <memory>
+#include <random>
+#include <set>
+
+#include "tests/support/background.h"
+#include "tests/support/fixture.h"
+
+using namespace test_kernel;
+using lines = std::vector<std::string>;
+
+namespace {
+
+using operation = int32_t (*)(rwlock_t *);
+
+class rwlock_test : public kernel_test {
+ protected:
+    void SetUp() override {
+        kernel_test::SetUp();
+        ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+        clear_journal();
+    }
+
+    void TearDown() override {
+        delete_rwlock(&lock);
+        kernel_test::TearDown();
+    }
+
+    // What thread `id` does at once, and what it may have to wait in.
+    int32_t by(int32_t id, operation op) {
+        as_thread me(id);
+        return op(&lock);
+    }
+    std::unique_ptr<background> begun(int32_t id, operation op) {
+        return std::make_unique<background>([=, this] { return by(id, op); });
+    }
+
+    int32_t writers() const { return static_cast<int32_t>(lock.count >> 16); }
+    int32_t readers() const { return static_cast<int32_t>(lock.count & 0xffff); }
+
+    rwlock_t lock;
+};
+
+TEST_F(kernel_test, ARwlocksSemaphoresAreMadeInOrderAndUnmadeBackwards) {
+    rwlock_t lock;
+    const lines made = {"sem_create \"rw Rw\" 0", "sem_create \"rw rW1\" 0", "sem_create \"rw rW2\" 0"};
+    const lines unmade = {"sem_delete \"rw rW1\"", "sem_delete \"rw Rw\""};
+    for (int32_t failing = 1; failing <= 3; ++failing) {
+        SCOPED_TRACE(failing);
+        clear_journal();
+        fail_call(failing, kSemCreate);
+        EXPECT_EQ(create_rwlock(&lock, "rw"), -1);
+        EXPECT_EQ(leftovers(), "");
+        lines expected(made.begin(), made.begin() + failing);
+        expected.insert(expected.end(), unmade.end() - (failing - 1), unmade.end());
+        EXPECT_EQ(journal(), expected);
+    }
+    fail_nothing();
+    ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+    EXPECT_EQ(journal("sem_set_owner"), (lines{"sem_set_owner \"rw Rw\" 2", "sem_set_owner \"rw rW1\" 2",
+                                               "sem_set_owner \"rw rW2\" 2"}));
+    EXPECT_EQ(lock.count, 0u);
+    EXPECT_EQ(lock.owner, -1);
+    clear_journal();
+    EXPECT_EQ(delete_rwlock(&lock), 0);
+    EXPECT_EQ(journal(), (lines{"sem_delete \"rw Rw\"", "sem_delete \"rw rW1\"", "sem_delete \"rw rW2\""}));
+}
+
+TEST_F(kernel_test, ANameThatIsTooLongForARwlockLosesItsEndAndNotTheSuffix) {
+    rwlock_t lock;
+    for (size_t length : {95, 96, 300}) {
+        clear_journal();
+        ASSERT_EQ(create_rwlock(&lock, std::string(length, 'n').c_str()), 0);
+        const std::string cut = "sem_create \"" + std::string(95, 'n');
+        EXPECT_EQ(journal("sem_create"), (lines{cut + " Rw\" 0", cut + " rW1\" 0", cut + " rW2\" 0"}));
+        EXPECT_EQ(delete_rwlock(&lock), 0);
+    }
+}
+
+TEST_F(rwlock_test, NobodyElseAboutMeansNoCallIntoTheKernel) {
+    struct {
+        operation op;
+        uint32_t count;
+        int32_t owner, depth;
+    } const steps[] = {
+        {read_lock, 1, -1, 0},
+        {upgrade_to_write, 0x10000, 1, 1},  // a sole reader
+        {read_lock, 0x10000, 1, 1},         // the writer may read
+        {read_unlock, 0x10000, 1, 1},
+        {write_lock, 0x10000, 1, 2},
+        {upgrade_to_write, 0x10000, 1, 3},
+        {downgrade_to_read, 0x10000, 1, 2},
+        {write_unlock, 0x10000, 1, 1},
+        {downgrade_to_read, 1, -1, 0},
+        {read_unlock, 0, -1, 0},
+        {write_lock, 0x10000, 1, 1},
+        {write_unlock, 0, -1, 0},
+    };
+    for (auto &step : steps) {
+        SCOPED_TRACE(&step - steps);
+        EXPECT_EQ(by(1, step.op), 0);
+        EXPECT_EQ(lock.count, step.count);
+        EXPECT_EQ(lock.owner, step.owner);
+        EXPECT_EQ(lock.depth, step.depth);
+    }
+    EXPECT_EQ(sem_calls(), 0);
+}
+
+TEST_F(rwlock_test, AWriterCollectsItsReadersAndTheLastWriterFreesThoseWhoWait) {
+    for (int32_t reader : {1, 2, 3})
+        EXPECT_EQ(by(reader, read_lock), 0);
+    auto first = begun(4, write_lock);
+    wait_until_blocked("rw rW2");
+    auto second = begun(5, write_lock);
+    wait_until_blocked("rw rW1");
+    auto late1 = begun(6, read_lock);
+    auto late2 = begun(7, read_lock);
+    wait_until_blocked("rw Rw", 2);  // although only readers are in
+    EXPECT_EQ(lock.owner, -1);
+    for (int32_t reader : {3, 1, 2})
+        EXPECT_EQ(by(reader, read_unlock), 0);
+    EXPECT_EQ(first->join(), 0);
+    EXPECT_EQ(lock.owner, 4);
+    EXPECT_EQ(by(4, write_unlock), 0);
+    EXPECT_EQ(second->join(), 0);
+    EXPECT_EQ(sem_waiters("rw Rw"), 2) << "readers wait until the last writer leaves";
+    EXPECT_EQ(by(5, write_unlock), 0);
+    EXPECT_EQ(late1->join() | late2->join(), 0);
+    EXPECT_EQ(
+        journal("sem_acquire \"rw rW"),
+        (lines{"sem_acquire \"rw rW2\" 3 0", "sem_acquire \"rw rW1\" 1 0", "sem_acquire \"rw rW2\" 1 0"}));
+    EXPECT_EQ(journal("sem_release"), (lines{"sem_release \"rw rW2\" 1 2", "sem_release \"rw rW2\" 1 2",
+                                             "sem_release \"rw rW2\" 1 2", "sem_release \"rw rW1\" 1 2",
+                                             "sem_release \"rw rW2\" 1 0", "sem_release \"rw Rw\" 2 0"}));
+}
+
+TEST_F(rwlock_test, OfTwoReadersWhoUpgradeTheFirstWritesFirst) {
+    by(1, read_lock);
+    by(2, read_lock);
+    auto first = begun(1, upgrade_to_write);
+    wait_until_blocked("rw rW2");
+    auto second = begun(2, upgrade_to_write);
+    EXPECT_EQ(first->join(), 0);
+    wait_until_blocked("rw rW1");
+    EXPECT_EQ(lock.owner, 1);
+    EXPECT_EQ(lock.count, 0x20000u);
+    EXPECT_EQ(by(1, write_unlock), 0);
+    EXPECT_EQ(second->join(), 0);
+    EXPECT_EQ(lock.owner, 2);
+}
+
+TEST_F(rwlock_test, ADowngradeLetsReadersInUnlessAWriterWaits) {
+    by(1, write_lock);
+    auto reader = begun(2, read_lock);
+    wait_until_blocked("rw Rw");
+    EXPECT_EQ(by(1, downgrade_to_read), 0);
+    EXPECT_EQ(reader->join(), 0);
+    EXPECT_EQ(lock.count, 2u);
+    EXPECT_EQ(journal("sem_release"), lines{"sem_release \"rw Rw\" 1 2"});
+    by(2, read_unlock);
+    EXPECT_EQ(by(1, upgrade_to_write), 0);
+
+    auto writer = begun(3, write_lock);
+    wait_until_blocked("rw rW1");
+    reader = begun(2, read_lock);
+    wait_until_blocked("rw Rw");
+    clear_journal();
+    EXPECT_EQ(by(1, downgrade_to_read), 0);
+    wait_until_blocked("rw rW2");
+    EXPECT_EQ(sem_waiters("rw Rw"), 1);
+    EXPECT_EQ(lock.count, 0x10002u);
+    EXPECT_EQ(by(1, read_unlock), 0);
+    EXPECT_EQ(writer->join(), 0);
+    EXPECT_EQ(sem_waiters("rw Rw"), 1);
+    EXPECT_EQ(by(3, write_unlock), 0);
+    EXPECT_EQ(reader->join(), 0);
+    EXPECT_EQ(journal("sem_release"), (lines{"sem_release \"rw rW1\" 1 2", "sem_release \"rw rW2\" 1 2",
+                                             "sem_release \"rw Rw\" 1 0"}));
+}
+
+// Whoever has counted itself and is held before its semaphore finds its unit when it gets there.
+TEST_F(rwlock_test, AUnitReleasedBeforeTheWaiterCameIsNotLost) {
+    struct {
+        operation before, late, leave;
+        const char *sem;
+        uint32_t count;  // in the end
+    } const cases[] = {
+        {read_lock, write_lock, read_unlock, "rw rW2", 0x10000},
+        {write_lock, write_lock, write_unlock, "rw rW1", 0x10000},
+        {write_lock, write_lock, write_unlock, "rw rW2", 0x10000},
+        {write_lock, read_lock, write_unlock, "rw Rw", 1},
+        {write_lock, read_lock, downgrade_to_read, "rw Rw", 2},
+    };
+    for (auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        ASSERT_EQ(by(1, c.before), 0);
+        {
+            stopping_point window("sem_acquire", c.sem);
+            auto late = begun(2, c.late);
+            if (c.before == write_lock && std::string(c.sem) == "rw rW2") {
+                wait_until_blocked("rw rW1");
+                EXPECT_EQ(by(1, c.leave), 0);
+                window.wait();
+            } else {
+                window.wait();
+                EXPECT_EQ(by(1, c.leave), 0);
+            }
+            EXPECT_EQ(sem_count(c.sem), 1);
+            window.go_on();
+            EXPECT_EQ(late->join(), 0);
+        }
+        EXPECT_EQ(lock.count, c.count);
+        EXPECT_EQ(lock.owner, c.late == write_lock ? 2 : -1);
+        delete_rwlock(&lock);
+        ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+    }
+}
+
+TEST_F(rwlock_test, DeletionSendsEverybodyAway) {
+    by(1, write_lock);
+    auto writer = begun(2, write_lock);
+    auto reader = begun(3, read_lock);
+    wait_until_blocked("rw rW1");
+    wait_until_blocked("rw Rw");
+    EXPECT_EQ(delete_rwlock(&lock), 0);
+    EXPECT_EQ(writer->join(), kDeadSemaphore);
+    EXPECT_EQ(reader->join(), kDeadSemaphore);
+    EXPECT_EQ(lock.owner, -1);
+    EXPECT_EQ(lock.depth, 0);
+    EXPECT_EQ(lock.count, 0x20001u);
+    ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+}
+
+// The lock as its rules tell it: who is in, who waits, who is let in.
+struct model {
+    std::set<int32_t> in, waiting;  // readers
+    std::deque<int32_t> queue;      // writers who wait
+    int32_t writer = -1, depth = 0;
+
+    void let_in() {
+        if (writer != -1) return;
+        if (!queue.empty()) {
+            if (!in.empty()) return;
+            writer = queue.front();
+            queue.pop_front();
+            depth = 1;
+        } else {
+            in.merge(waiting);
+        }
+    }
+    bool waits(int32_t id) const {
+        return waiting.count(id) != 0 || std::find(queue.begin(), queue.end(), id) != queue.end();
+    }
+    void apply(int32_t id, operation op) {
+        if (op == read_lock && id != writer) {
+            (writer != -1 || !queue.empty() ? waiting : in).insert(id);
+        } else if (op == read_unlock && id != writer) {
+            in.erase(id);
+        } else if ((op == write_lock || op == upgrade_to_write) && id == writer) {
+            ++depth;
+        } else if (op == write_lock || op == upgrade_to_write) {
+            in.erase(id);
+            queue.push_back(id);
+        } else if ((op == write_unlock || op == downgrade_to_read) && --depth == 0) {
+            writer = -1;
+            if (op == downgrade_to_read) in.insert(id);
+        }
+        let_in();
+    }
+};
+
+TEST_F(rwlock_test, RandomUseAgreesWithTheRules) {
+    constexpr int32_t kThreads = 6;
+    const unsigned seed = 20240;
+    std::mt19937 random(seed);
+    model rules;
+    std::unique_ptr<background> calls[kThreads + 1];
+    for (int step = 0; step < 3000; ++step) {
+        int32_t id = 1 + static_cast<int32_t>(random() % kThreads);
+        if (rules.waits(id)) continue;
+        if (calls[id]) {
+            ASSERT_EQ(calls[id]->join(), 0);
+        }
+        bool reads = rules.in.count(id) != 0, writes = rules.writer == id;
+        const std::vector<operation> choices =
+            reads    ? std::vector<operation>{read_unlock, read_unlock, upgrade_to_write}
+            : writes ? std::vector<operation>{write_unlock,     write_unlock, downgrade_to_read, write_lock,
+                                              upgrade_to_write, read_lock,    read_unlock}
+                     : std::vector<operation>{read_lock, read_lock, write_lock};
+        operation op = choices[random() % choices.size()];
+        SCOPED_TRACE(testing::Message() << "seed " << seed << " step " << step << " thread " << id);
+        rules.apply(id, op);
+        calls[id] = begun(id, op);
+        for (int32_t other = 1; other <= kThreads; ++other) {
+            if (calls[other] && !rules.waits(other)) {
+                ASSERT_EQ(calls[other]->join(), 0) << other;
+            }
+        }
+        const bool draining = rules.writer == -1 && !rules.queue.empty();
+        wait_until_blocked("rw Rw", static_cast<int32_t>(rules.waiting.size()));
+        wait_until_blocked("rw rW2", draining);
+        wait_until_blocked("rw rW1", static_cast<int32_t>(rules.queue.size()) - draining);
+        ASSERT_EQ(lock.owner, rules.writer);
+        if (rules.writer != -1) {
+            ASSERT_EQ(lock.depth, rules.depth);
+        }
+        ASSERT_EQ(static_cast<size_t>(readers()), rules.in.size() + rules.waiting.size());
+        ASSERT_EQ(static_cast<size_t>(writers()), rules.queue.size() + (rules.writer != -1));
+    }
+    delete_rwlock(&lock);  // whoever still waits
+    for (auto &call : calls)
+        call.reset();
+    ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+}
+
+}  // namespace
