@@ -1,0 +1,248 @@
+// SPDX-License-Identifier: MIT
+#include "host/report.h"
+
+#include <cinttypes>
+#include <cstdio>
+#include <string_view>
+
+namespace {
+
+using number = uint64_t (*)(const file_result &result);
+
+template <auto member>
+uint64_t of_file(const file_result &result) {
+    return result.*member;
+}
+
+template <protocol_index index, auto member>
+uint64_t of_protocol(const file_result &result) {
+    return result.protocols[index].*member;
+}
+
+struct column {
+    const char *name;
+    number value;  // null: the program has no such number
+};
+
+// Order and names are those of the tables that replays are compared with.
+constexpr column kColumns[] = {
+    {"frames", of_file<&file_result::frames>},
+    {"not_ethernet", of_file<&file_result::not_ethernet>},
+    {"cap_bytes", of_file<&file_result::captured_bytes>},
+    {"wire_bytes", of_file<&file_result::wire_bytes>},
+    {"short", of_file<&file_result::cut_short>},
+    {"vlan", of_protocol<kEthernet, &sample_counts::tagged>},
+    {"arp", of_protocol<kArp, &sample_counts::packets>},
+    {"ipv4", of_protocol<kIpv4, &sample_counts::packets>},
+    {"ipv6", of_protocol<kIpv6, &sample_counts::packets>},
+    {"other", of_protocol<kEthernet, &sample_counts::unclaimed>},
+    {"ip_good", of_protocol<kIpv4, &sample_counts::good>},
+    {"ip_bad", of_protocol<kIpv4, &sample_counts::bad>},
+    {"ip_unverified", of_protocol<kIpv4, &sample_counts::unverified>},
+    {"fragments", of_protocol<kIpv4, &sample_counts::fragments>},
+    {"icmp", of_protocol<kIcmp, &sample_counts::packets>},
+    {"icmp_good", of_protocol<kIcmp, &sample_counts::good>},
+    {"icmp_bad", of_protocol<kIcmp, &sample_counts::bad>},
+    {"icmp_unverified", of_protocol<kIcmp, &sample_counts::unverified>},
+    {"tcp", of_protocol<kTcp, &sample_counts::packets>},
+    {"tcp_good", of_protocol<kTcp, &sample_counts::good>},
+    {"tcp_bad", of_protocol<kTcp, &sample_counts::bad>},
+    {"tcp_unverified", of_protocol<kTcp, &sample_counts::unverified>},
+    {"udp", of_protocol<kUdp, &sample_counts::packets>},
+    {"udp_good", of_protocol<kUdp, &sample_counts::good>},
+    {"udp_bad", of_protocol<kUdp, &sample_counts::bad>},
+    {"udp_absent", of_protocol<kUdp, &sample_counts::absent>},
+    {"udp_unverified", of_protocol<kUdp, &sample_counts::unverified>},
+    {"ip_other", of_protocol<kIpv4, &sample_counts::unclaimed>},
+    {"whole", nullptr},
+    {"whole_good", nullptr},
+    {"whole_bad", nullptr},
+    {"whole_absent", nullptr},
+};
+
+// How much of a packet's checksum a protocol tells.
+enum checksum_kind { kNoChecksum, kChecksum, kOptionalChecksum };
+constexpr checksum_kind kChecksums[kProtocols] = {kNoChecksum, kNoChecksum, kChecksum,        kNoChecksum,
+                                                  kChecksum,   kChecksum,   kOptionalChecksum};
+
+double frames_per_second(const file_result &result) {
+    return result.seconds > 0 ? static_cast<double>(result.frames) / result.seconds : 0;
+}
+
+void print_cell(uint64_t value, bool known) {
+    if (known) {
+        printf(" %10" PRIu64, value);
+    } else {
+        printf(" %10s", "-");
+    }
+}
+
+void print_remainder(const char *what, uint64_t value) {
+    if (value != 0) printf("  %s: %" PRIu64 "\n", what, value);
+}
+
+void print_table(const file_result &result) {
+    printf("%s: %s\n", result.path.c_str(), capture_status_name(result.status));
+    printf("  %-9s %10s %12s %10s %10s %10s %10s\n", "protocol", "frames", "bytes", "good", "bad", "absent",
+           "unverified");
+    for (int i = 0; i < kProtocols; i++) {
+        const sample_counts &counts = result.protocols[i];
+        printf("  %-9s %10" PRIu64 " %12" PRIu64, protocol_name(i), counts.packets, counts.bytes);
+        print_cell(counts.good, kChecksums[i] != kNoChecksum);
+        print_cell(counts.bad, kChecksums[i] != kNoChecksum);
+        print_cell(counts.absent, kChecksums[i] == kOptionalChecksum);
+        print_cell(counts.unverified, kChecksums[i] != kNoChecksum);
+        printf("\n");
+    }
+    print_remainder("with a VLAN tag", result.protocols[kEthernet].tagged);
+    print_remainder("other EtherTypes", result.protocols[kEthernet].unclaimed);
+    print_remainder("IPv4 fragments", result.protocols[kIpv4].fragments);
+    print_remainder("other IPv4 protocols", result.protocols[kIpv4].unclaimed);
+    print_remainder("cut short by the capture", result.cut_short);
+    print_remainder("not Ethernet", result.not_ethernet);
+    printf("  %" PRIu64 " frames, %" PRIu64 " bytes captured of %" PRIu64 " in %.3f ms: %.0f frames/s\n\n",
+           result.frames, result.captured_bytes, result.wire_bytes, result.seconds * 1e3,
+           frames_per_second(result));
+}
+
+// The name alone: rows are compared with those of other machines.
+std::string file_name(const std::string &path) {
+    size_t slash = path.find_last_of('/');
+    return slash == std::string::npos ? path : path.substr(slash + 1);
+}
+
+std::string escape_for_tsv(const std::string &text) {
+    std::string escaped;
+    for (char c : text) {
+        switch (c) {
+            case '\t':
+                escaped += "\\t";
+                break;
+            case '\n':
+                escaped += "\\n";
+                break;
+            case '\r':
+                escaped += "\\r";
+                break;
+            case '\\':
+                escaped += "\\\\";
+                break;
+            default:
+                escaped += c;
+        }
+    }
+    return escaped;
+}
+
+void print_tsv(const file_result &result) {
+    printf("%s\t%s", escape_for_tsv(file_name(result.path)).c_str(), capture_status_name(result.status));
+    for (const column &column : kColumns) {
+        if (column.value != nullptr) {
+            printf("\t%" PRIu64, column.value(result));
+        } else {
+            printf("\t");
+        }
+    }
+    printf("\n");
+}
+
+// Bytes of the UTF-8 character that `text` starts with, 0 when it starts with none.
+size_t utf8_length(std::string_view text) {
+    auto byte = [&](size_t i) { return i < text.size() ? static_cast<uint8_t>(text[i]) : 0u; };
+    size_t length = byte(0) < 0x80 ? 1 : byte(0) < 0xc2 ? 0 : byte(0) < 0xe0 ? 2 : byte(0) < 0xf0 ? 3 : 4;
+    if (byte(0) > 0xf4) return 0;
+    for (size_t i = 1; i < length; i++) {
+        if ((byte(i) & 0xc0) != 0x80) return 0;
+    }
+    if (byte(0) == 0xe0 && byte(1) < 0xa0) return 0;  // longer than need be
+    if (byte(0) == 0xed && byte(1) > 0x9f) return 0;  // a surrogate
+    if (byte(0) == 0xf0 && byte(1) < 0x90) return 0;
+    if (byte(0) == 0xf4 && byte(1) > 0x8f) return 0;
+    return length;
+}
+
+// A JSON string. A path is any bytes: what is no UTF-8 becomes the replacement character.
+std::string quote_for_json(std::string_view text) {
+    std::string quoted = "\"";
+    while (!text.empty()) {
+        size_t length = utf8_length(text);
+        unsigned first = static_cast<uint8_t>(text[0]);
+        if (length == 0) {
+            quoted += "\\ufffd";
+        } else if (first == '"' || first == '\\') {
+            quoted += {'\\', text[0]};
+        } else if (first < 0x20 || first == 0x7f) {
+            char code[8];
+            snprintf(code, sizeof(code), "\\u%04x", first);
+            quoted += code;
+        } else {
+            quoted += text.substr(0, length);
+        }
+        text.remove_prefix(length != 0 ? length : 1);
+    }
+    return quoted + '"';
+}
+
+void print_json(const file_result &result) {
+    printf("{\"file\": %s, \"status\": \"%s\"", quote_for_json(result.path).c_str(),
+           capture_status_name(result.status));
+    if (!result.error.empty()) printf(", \"error\": %s", quote_for_json(result.error).c_str());
+    for (const column &column : kColumns) {
+        if (column.value != nullptr) printf(", \"%s\": %" PRIu64, column.name, column.value(result));
+    }
+    printf(", \"seconds\": %.6f, \"frames_per_second\": %.0f", result.seconds, frames_per_second(result));
+    printf(", \"protocols\": {");
+    for (int i = 0; i < kProtocols; i++) {
+        const sample_counts &counts = result.protocols[i];
+        printf("%s\"%s\": {\"frames\": %" PRIu64 ", \"bytes\": %" PRIu64, i != 0 ? ", " : "",
+               protocol_name(i), counts.packets, counts.bytes);
+        if (kChecksums[i] != kNoChecksum) {
+            printf(", \"good\": %" PRIu64 ", \"bad\": %" PRIu64, counts.good, counts.bad);
+            if (kChecksums[i] == kOptionalChecksum) printf(", \"absent\": %" PRIu64, counts.absent);
+            printf(", \"unverified\": %" PRIu64, counts.unverified);
+        }
+        printf("}");
+    }
+    printf("}, \"pools\": {");
+    for (int i = 0; i < kPools; i++) {
+        const pool_state &pool = result.pools[i];
+        printf("%s\"%s\": {\"block_size\": %" PRIu32 ", \"blocks\": %" PRIu32 ", \"out\": %" PRIu32
+               ", \"fall_backs\": %" PRIu64 "}",
+               i != 0 ? ", " : "", pool.name, pool.block_size, pool.blocks, pool.out, pool.fall_backs);
+    }
+    printf("}}\n");
+}
+
+}  // namespace
+
+void print_report_start(report_format format) {
+    if (format != report_format::kTsv) return;
+    printf("file\tstatus");
+    for (const column &column : kColumns)
+        printf("\t%s", column.name);
+    printf("\n");
+}
+
+void print_file_result(report_format format, const file_result &result) {
+    switch (format) {
+        case report_format::kTable:
+            print_table(result);
+            break;
+        case report_format::kTsv:
+            print_tsv(result);
+            break;
+        case report_format::kJson:
+            print_json(result);
+            break;
+    }
+    fflush(stdout);
+}
+
+void print_report_end(report_format format, const std::array<pool_state, kPools> &pools) {
+    if (format != report_format::kTable) return;
+    printf("%-8s %10s %10s %10s %14s\n", "pool", "block size", "blocks", "still out", "heap instead");
+    for (const pool_state &pool : pools) {
+        printf("%-8s %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %14" PRIu64 "\n", pool.name, pool.block_size,
+               pool.blocks, pool.out, pool.fall_backs);
+    }
+}

@@ -1,0 +1,170 @@
+// SPDX-License-Identifier: MIT
+#include "tests/host/program.h"
+
+#include <gtest/gtest.h>
+#include <sys/wait.h>
+#include <unistd.h>
+
+#include <cstdio>
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <sstream>
+
+namespace {
+
+struct scratch {
+    std::string path;
+    scratch() {
+        char name[] = "/tmp/zarn_host_XXXXXX";
+        path = mkdtemp(name);
+    }
+    ~scratch() { std::filesystem::remove_all(path); }
+};
+
+std::vector<std::string> split(const std::string &text, char separator) {
+    std::vector<std::string> parts(1);
+    for (char c : text) {
+        if (c == separator) {
+            parts.emplace_back();
+        } else {
+            parts.back() += c;
+        }
+    }
+    return parts;
+}
+
+}  // namespace
+
+const std::string &scratch_directory() {
+    static scratch directory;
+    return directory.path;
+}
+
+std::string read_file(const std::string &path) {
+    std::ostringstream text;
+    text << std::ifstream(path, std::ios::binary).rdbuf();
+    return text.str();
+}
+
+void write_file(const std::string &path, const std::string &bytes) {
+    std::ofstream(path, std::ios::binary) << bytes;
+}
+
+program_result run_program(const std::vector<std::string> &arguments) {
+    std::string out = scratch_directory() + "/out", err = scratch_directory() + "/err";
+    fflush(nullptr);
+    pid_t child = fork();
+    if (child == 0) {
+        if (freopen(out.c_str(), "w", stdout) == nullptr || freopen(err.c_str(), "w", stderr) == nullptr)
+            _exit(126);
+        std::string program = ZARN_BUILD_DIR "/zarn";
+        std::vector<char *> argv{program.data()};
+        for (const std::string &argument : arguments)
+            argv.push_back(const_cast<char *>(argument.c_str()));
+        argv.push_back(nullptr);
+        execv(program.c_str(), argv.data());
+        _exit(127);
+    }
+    int status = 0;
+    waitpid(child, &status, 0);
+    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
+    program_result result = {code, read_file(out), read_file(err)};
+    // Sanitizers may end the program with a status that it has itself.
+    for (const char *report : {"Sanitizer", "runtime error"}) {
+        if (result.err.find(report) != std::string::npos) ADD_FAILURE() << result.err;
+    }
+    return result;
+}
+
+std::map<std::string, table_row> parse_table(const std::string &text) {
+    std::map<std::string, table_row> table;
+    std::vector<std::string> names;
+    for (const std::string &line : split(text, '\n')) {
+        if (line.empty() || line.rfind("total ", 0) == 0) continue;
+        std::vector<std::string> cells = split(line, '\t');
+        if (names.empty()) {
+            names = cells;
+            continue;
+        }
+        table_row &row = table[cells[0]];
+        for (size_t i = 1; i < names.size(); i++)
+            row[names[i]] = i < cells.size() ? cells[i] : "missing";
+    }
+    return table;
+}
+
+std::string big16(unsigned value) {
+    return {static_cast<char>(value >> 8), static_cast<char>(value)};
+}
+
+std::string little32(uint32_t value) {
+    std::string bytes;
+    for (int i = 0; i < 4; i++)
+        bytes += static_cast<char>(value >> 8 * i);
+    return bytes;
+}
+
+std::string internet_checksum(const std::string &bytes) {
+    uint32_t sum = 0;
+    for (size_t i = 0; i < bytes.size(); i++)
+        sum += static_cast<uint8_t>(bytes[i]) << (i % 2 == 0 ? 8 : 0);
+    while (sum > 0xffff)
+        sum = (sum & 0xffff) + (sum >> 16);
+    return big16(~sum);
+}
+
+std::string pcap_record(const std::string &frame, int64_t wire) {
+    uint32_t captured = static_cast<uint32_t>(frame.size());
+    return little32(0) + little32(0) + little32(captured) +
+           little32(wire < 0 ? captured : static_cast<uint32_t>(wire)) + frame;
+}
+
+std::string pcap_file(const std::vector<std::string> &records, uint32_t link) {
+    std::string file = little32(0xa1b2c3d4) + little32(0x00040002) + little32(0) + little32(0) +
+                       little32(262144) + little32(link);
+    for (const std::string &record : records)
+        file += record;
+    return file;
+}
+
+std::string pcapng_block(uint32_t type, const std::string &body) {
+    std::string padded = body + std::string((4 - body.size() % 4) % 4, '\0');
+    std::string length = little32(static_cast<uint32_t>(padded.size() + 12));
+    return little32(type) + length + padded + length;
+}
+
+std::string pcapng_start(uint32_t link) {
+    return pcapng_block(0x0a0d0d0a, little32(0x1a2b3c4d) + little32(1) + std::string(8, '\xff')) +
+           pcapng_block(1, little32(link) + little32(262144));
+}
+
+std::string pcapng_packet(uint32_t interface, const std::string &frame) {
+    std::string length = little32(static_cast<uint32_t>(frame.size()));
+    return pcapng_block(6, little32(interface) + little32(0) + little32(0) + length + length + frame);
+}
+
+std::string ethernet(unsigned type, const std::string &payload) {
+    return std::string("\x02zarn\x01\x02zarn\x02") + big16(type) + payload;
+}
+
+std::string ipv4(const std::string &payload, const ipv4_fields &fields) {
+    size_t length = 20 + fields.options.size();
+    unsigned total = fields.total < 0 ? static_cast<unsigned>(length + payload.size())
+                                      : static_cast<unsigned>(fields.total);
+    std::string start = std::string(1, static_cast<char>(fields.version << 4 | length / 4)) +
+                        std::string(1, '\0') + big16(total) + big16(7) + big16(fields.fragment) + "\x40" +
+                        static_cast<char>(fields.protocol);
+    std::string end = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + fields.options;
+    std::string checksum = internet_checksum(start + big16(0) + end);
+    if (fields.bad_checksum) checksum[1] ^= 1;
+    return start + checksum + end + payload;
+}
+
+std::string udp(const std::string &payload, int length) {
+    unsigned size = length < 0 ? static_cast<unsigned>(8 + payload.size()) : static_cast<unsigned>(length);
+    std::string ports = big16(5000) + big16(53);
+    std::string pseudo = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + big16(17) + big16(size);
+    std::string covered = (ports + big16(size) + big16(0) + payload).substr(0, size);
+    return ports + big16(size) + internet_checksum(pseudo + covered) + payload;
+}
