@@ -18,8 +18,8 @@
 //     create       X         X         X        X       X
 //     enqueue      X         -         -        -       - [1]
 //     dequeue      X         -         -        -       - [1]
-//     clear        X         -         -        -       X
-//     delete       X         - [1]     - [1]    X       X
+//     clear        X         -         -        -       - [1]
+//     delete       X         - [1]     - [1]    - [1]   X
 //
 // [1] while the memory of the record stays: the operation then fails with the status of a dead
 //     semaphore.
