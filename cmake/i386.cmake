@@ -2,8 +2,8 @@
 # A 32-bit build on a 64-bit machine: the compiler's -m32, and the libraries that scripts/get-i386-libraries unpacked.
 set(CMAKE_SYSTEM_NAME Linux)
 set(CMAKE_SYSTEM_PROCESSOR i686)
-set(CMAKE_C_FLAGS_INIT "-m32 -march=i686 -msse2")
-set(CMAKE_CXX_FLAGS_INIT "-m32 -march=i686 -msse2")
+set(CMAKE_C_FLAGS_INIT "-m32 -march=i686 -mtune=generic -msse2")
+set(CMAKE_CXX_FLAGS_INIT "-m32 -march=i686 -mtune=generic -msse2")
 set(CMAKE_LIBRARY_ARCHITECTURE i386-linux-gnu)
 
 set(ZARN_I386_LIBRARIES ${CMAKE_CURRENT_LIST_DIR}/../build/i386-sysroot)

@@ -25,8 +25,9 @@ namespace {
 constexpr int16_t kBias = INT16_MIN;
 constexpr uint64_t kLaneBias = 0x10000;
 
-// Four accumulators take one vector each per pass. A lane changes by -2^16 to 2^16 - 2 in a pass, so the sum
-// of four lanes stays inside of 32 bits for this many passes.
+// A pass adds four vectors, and each changes a lane by -2^16 to 2^16 - 2: for this many passes a lane of
+// their sum stays inside of 32 bits. Two accumulators do: with more, the eight registers of ILP32 would not
+// hold everything.
 constexpr uint32_t kMaxPasses = (1u << 31) / (4 * kLaneBias);
 
 // A run this long is worth a first step to the boundary of a vector; a shorter one is read at any address.
@@ -54,16 +55,17 @@ struct sse2 {
 
     template <bool kCopy>
     static uint64_t sum_passes(const uint8_t *from, uint8_t *to, uint32_t passes) {
-        __m128i a = _mm_setzero_si128(), b = a, c = a, d = a;
+        __m128i a = _mm_setzero_si128(), b = a;
         for (uint32_t i = 0; i < passes; ++i) {
-            a = _mm_add_epi32(a, pairs<kCopy>(from, to));
-            b = _mm_add_epi32(b, pairs<kCopy>(from + kVector, ahead<kCopy>(to, kVector)));
-            c = _mm_add_epi32(c, pairs<kCopy>(from + 2 * kVector, ahead<kCopy>(to, 2 * kVector)));
-            d = _mm_add_epi32(d, pairs<kCopy>(from + 3 * kVector, ahead<kCopy>(to, 3 * kVector)));
+            a = _mm_add_epi32(a, _mm_add_epi32(pairs<kCopy>(from, to),
+                                               pairs<kCopy>(from + kVector, ahead<kCopy>(to, kVector))));
+            b = _mm_add_epi32(b,
+                              _mm_add_epi32(pairs<kCopy>(from + 2 * kVector, ahead<kCopy>(to, 2 * kVector)),
+                                            pairs<kCopy>(from + 3 * kVector, ahead<kCopy>(to, 3 * kVector))));
             from += kPass;
             to = ahead<kCopy>(to, kPass);
         }
-        __m128i sum = _mm_add_epi32(_mm_add_epi32(a, b), _mm_add_epi32(c, d));
+        __m128i sum = _mm_add_epi32(a, b);
         return sum_lanes(sum) + kLaneBias * (kPass / 4) * passes;
     }
 };
@@ -83,16 +85,18 @@ struct avx2 {
 
     template <bool kCopy>
     ZARN_AVX2 static uint64_t sum_passes(const uint8_t *from, uint8_t *to, uint32_t passes) {
-        __m256i a = _mm256_setzero_si256(), b = a, c = a, d = a;
+        __m256i a = _mm256_setzero_si256(), b = a;
         for (uint32_t i = 0; i < passes; ++i) {
-            a = _mm256_add_epi32(a, pairs<kCopy>(from, to));
-            b = _mm256_add_epi32(b, pairs<kCopy>(from + kVector, ahead<kCopy>(to, kVector)));
-            c = _mm256_add_epi32(c, pairs<kCopy>(from + 2 * kVector, ahead<kCopy>(to, 2 * kVector)));
-            d = _mm256_add_epi32(d, pairs<kCopy>(from + 3 * kVector, ahead<kCopy>(to, 3 * kVector)));
+            a = _mm256_add_epi32(a,
+                                 _mm256_add_epi32(pairs<kCopy>(from, to),
+                                                  pairs<kCopy>(from + kVector, ahead<kCopy>(to, kVector))));
+            b = _mm256_add_epi32(
+                b, _mm256_add_epi32(pairs<kCopy>(from + 2 * kVector, ahead<kCopy>(to, 2 * kVector)),
+                                    pairs<kCopy>(from + 3 * kVector, ahead<kCopy>(to, 3 * kVector))));
             from += kPass;
             to = ahead<kCopy>(to, kPass);
         }
-        __m256i sum = _mm256_add_epi32(_mm256_add_epi32(a, b), _mm256_add_epi32(c, d));
+        __m256i sum = _mm256_add_epi32(a, b);
         return sum_lanes(_mm256_castsi256_si128(sum)) + sum_lanes(_mm256_extracti128_si256(sum, 1)) +
                kLaneBias * (kPass / 4) * passes;
     }
