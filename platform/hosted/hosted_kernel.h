@@ -27,8 +27,7 @@ enum : int32_t {
     KERN_ERR_TIMED_OUT = static_cast<int32_t>(0x80000009),
     KERN_ERR_INTERRUPTED = static_cast<int32_t>(0x8000000a),  // a signal ended the wait
     KERN_ERR_NOT_ALLOWED = static_cast<int32_t>(0x8000000f),  // would have to wait at interrupt level
-    KERN_ERR_BAD_SEM =
-        static_cast<int32_t>(0x80001000 + 1),  // no semaphore, or it was deleted during the wait
+    KERN_ERR_BAD_SEM = static_cast<int32_t>(0x80001001),  // no semaphore, or it was deleted during the wait
     KERN_ERR_BAD_THREAD = static_cast<int32_t>(0x80001100),
     KERN_ERR_BAD_REGION = static_cast<int32_t>(0x80001200),
     KERN_ERR_BAD_ADDRESS = static_cast<int32_t>(0x80001201),  // not mapped
@@ -72,8 +71,9 @@ void hosted_set_debug_entry(void (*entered)(const char *message));
 // Interrupts and signals
 
 // Makes the handler of `signal` run at interrupt level: it may call what kern.h allows there and must not
-// wait, call the heap or log to a sink. Interrupts don't nest on a thread. Restarts system calls. A null
-// handler restores the default action. Returns 0 or KERN_ERR_BAD_VALUE for a signal that can't be caught.
+// wait, call the heap or log to a sink. Interrupts don't nest on a thread. Restarts system calls. With a null
+// handler the signal is ignored from then on, what is still on its way included. Returns 0 or
+// KERN_ERR_BAD_VALUE for a signal that can't be caught.
 int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *info));
 
 // Makes `signal` end an interruptible wait of the thread that it meets, from the moment that the thread has

@@ -154,7 +154,7 @@ int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *in
         action.sa_flags = SA_SIGINFO | (kThreadSanitizer ? 0 : SA_RESTART);
         fill_mask(&action.sa_mask);
     } else {
-        action.sa_handler = SIG_DFL;
+        action.sa_handler = SIG_IGN;
     }
     int32_t status = install(signal, &action);
     if (status < 0) __atomic_store_n(&gInterrupts[signal], before, __ATOMIC_RELEASE);

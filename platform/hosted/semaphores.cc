@@ -270,7 +270,8 @@ int32_t acquire_contended(semaphore *s, int32_t sem, int32_t units, uint32_t fla
     uint64_t identity = identity_of(sem);
     bool timed = (flags & KERN_SEM_RELATIVE_TIMEOUT) && timeout != KERN_TIMEOUT_FOREVER;
     int64_t deadline = KERN_TIMEOUT_FOREVER;
-    if (timed && __builtin_add_overflow(kern_time_us(), timeout, &deadline)) deadline = KERN_TIMEOUT_FOREVER;
+    if (timed && timeout > 0 && __builtin_add_overflow(kern_time_us(), timeout, &deadline))
+        deadline = KERN_TIMEOUT_FOREVER;
 
     waiter self = {nullptr, nullptr, units, false, kAwake};
     bool dead = false;

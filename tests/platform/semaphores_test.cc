@@ -1,6 +1,11 @@
 // SPDX-License-Identifier: MIT
+#include <linux/seccomp.h>
 #include <pthread.h>
+#include <sys/prctl.h>
+#include <sys/syscall.h>
+#include <sys/wait.h>
 #include <time.h>
+#include <unistd.h>
 
 #include <atomic>
 #include <memory>
@@ -166,6 +171,31 @@ TEST_F(semaphores, deletion_wakes_everybody_and_the_id_stays_dead) {
         ASSERT_LT(kern_sem_acquire_ex(sem, 1, 0, 0), 0);
         ASSERT_EQ(kern_sem_delete(next), 0);
     }
+}
+
+TEST_F(semaphores, make_no_system_call_when_nobody_waits) {
+#if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
+    GTEST_SKIP() << "a sanitizer makes system calls of its own";
+#endif
+    int32_t sem = kern_sem_create(0, "quiet");
+    int32_t self = kern_thread_self();
+    pid_t child = fork();
+    if (child == 0) {
+        // In this mode any system call but read, write and exit kills.
+        if (prctl(PR_SET_SECCOMP, SECCOMP_MODE_STRICT) != 0) _exit(77);
+        int32_t failures = 0;
+        for (int i = 0; i < 1000; i++)
+            failures += kern_sem_release_ex(sem, 3, KERN_SEM_NO_RESCHEDULE) != 0 ||
+                        kern_sem_acquire(sem) != 0 || try_acquire(sem, 2) != 0 || try_acquire(sem) == 0 ||
+                        kern_thread_self() != self;
+        syscall(SYS_exit, failures == 0 ? 0 : 1);
+    }
+    int status = 0;
+    ASSERT_EQ(waitpid(child, &status, 0), child);
+    EXPECT_EQ(kern_sem_delete(sem), 0);
+    if (WIFEXITED(status) && WEXITSTATUS(status) == 77) GTEST_SKIP() << "the host refuses the strict mode";
+    EXPECT_TRUE(WIFEXITED(status)) << "killed by signal " << WTERMSIG(status);
+    EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
 TEST_F(semaphores, names_and_owners_are_told) {

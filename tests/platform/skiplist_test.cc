@@ -132,6 +132,7 @@ TEST(skiplist, failing_search_ends_at_the_first_of_several_equals) {
 TEST(skiplist, item_is_out_before_it_is_freed) {
     static skiplist *list;
     static int item = 5, searched;
+    searched = 0;
     auto look = [](void *gone) {
         searched++;
         EXPECT_EQ(skiplist_search(list, gone), nullptr);
