@@ -7,9 +7,9 @@
 
 #include <cstdlib>
 #include <cstring>
-#include <thread>
 
 #include "tests/kernel/test_kernel.h"
+#include "tests/support/background.h"
 #include "tests/support/fixture.h"
 
 using namespace test_kernel;
@@ -19,16 +19,9 @@ namespace {
 using test_kernel_test = kernel_test;
 
 // A thread that acquires and remembers the result.
-struct acquirer {
+struct acquirer : background {
     acquirer(int32_t sem, int32_t units, uint32_t flags = 0, int64_t timeout = 0)
-        : runner([=, this] { result = kern_sem_acquire_ex(sem, units, flags, timeout); }) {}
-    ~acquirer() { join(); }
-    int32_t join() {
-        if (runner.joinable()) runner.join();
-        return result;
-    }
-    int32_t result = 1;
-    std::thread runner;
+        : background([=] { return kern_sem_acquire_ex(sem, units, flags, timeout); }) {}
 };
 
 TEST_F(test_kernel_test, UnitsAreHandedToTheLineInOrderAndNobodyOvertakes) {
