@@ -5,6 +5,7 @@
 
 #include <zarn/status.h>
 
+#include <algorithm>
 #include <cstdlib>
 #include <cstring>
 #include <deque>
@@ -21,27 +22,31 @@ namespace {
 
 using bytes = std::vector<uint8_t>;
 
-// Memory that a buffer refers to. It is kept, spoiled, behind its free, so that a late look is seen in every build.
+// Memory that a buffer refers to, behind the address of its own record: the purgatory's thread frees elements
+// while others are made. It is kept, spoiled, behind its free, so that a late look is seen in every build.
 struct element {
+    explicit element(uint32_t length) : memory(sizeof(element *) + length) {
+        element *self = this;
+        memcpy(memory.data(), &self, sizeof self);
+    }
+    element(const element &) = delete;
+    uint8_t *start() { return memory.data() + sizeof(element *); }
+
     bytes memory;
     int32_t freed = 0;
 };
 
 void free_element_ext(void *ext_arg, void *memory) {
     auto *owner = static_cast<element *>(ext_arg);
-    EXPECT_EQ(memory, owner->memory.data());
+    EXPECT_EQ(memory, owner->start());
     owner->freed++;
-    std::fill(owner->memory.begin(), owner->memory.end(), uint8_t(0xdd));
+    std::fill(owner->start(), owner->memory.data() + owner->memory.size(), uint8_t(0xdd));
 }
 
-// The form without an argument finds its element by the address.
-std::deque<element> *gElements;
-
 void free_element(void *memory) {
-    for (element &e : *gElements) {
-        if (e.memory.data() == memory) return free_element_ext(&e, memory);
-    }
-    ADD_FAILURE() << "free of what was never linked";
+    element *owner;
+    memcpy(&owner, static_cast<uint8_t *>(memory) - sizeof owner, sizeof owner);
+    free_element_ext(owner, memory);
 }
 
 class model_test : public module_test {
@@ -52,7 +57,6 @@ class model_test : public module_test {
     void run(uint32_t seed) {
         random_.seed(seed);
         elements_.clear();
-        gElements = &elements_;
         ASSERT_EQ(init_data_purgatory(kPurgatoryThreshold), 0);
         for (size_t i = 0; i < kBuffers; ++i) {
             data_[i] = new_zarn_data();
@@ -76,11 +80,9 @@ class model_test : public module_test {
     uint32_t below(uint32_t limit) { return random_() % limit; }
 
     uint8_t *new_element(uint32_t length) {
-        element &e = elements_.emplace_back();
-        e.memory.resize(length == 0 ? 1 : length);
-        for (uint8_t &byte : e.memory)
-            byte = static_cast<uint8_t>(random_());
-        return e.memory.data();
+        element &e = elements_.emplace_back(length);
+        std::generate_n(e.start(), length, [this] { return static_cast<uint8_t>(random_()); });
+        return e.start();
     }
 
     // A new element in the buffer, registered in one of the forms.

@@ -1,0 +1,221 @@
+// SPDX-License-Identifier: MIT
+
+#include "data/purgatory.h"
+
+#include <signal.h>
+#include <time.h>
+
+#include <chrono>
+#include <cstring>
+#include <deque>
+#include <mutex>
+#include <string>
+#include <utility>
+
+#include "data/zarn_data.h"
+#include "module/allocator.h"
+#include "tests/support/stress.h"
+
+namespace {
+
+// Memory that counts its frees and, as long as it isn't freed, holds a pattern.
+struct element {
+    static constexpr uint32_t kBytes = 96;
+    uint8_t memory[kBytes];
+    std::atomic<int> freed = 0;
+};
+
+std::atomic<int> gFrees;
+
+void free_element(void *ext_arg, void *memory) {
+    auto *owner = static_cast<element *>(ext_arg);
+    memset(memory, 0xdd, element::kBytes);
+    owner->freed++;
+    gFrees++;
+}
+
+// A buffer over an element of its own, in two pieces.
+zarn_data_t *new_packet(element *e, uint8_t pattern, bool interrupt_safe) {
+    memset(e->memory, pattern, sizeof e->memory);
+    zarn_data_t *data = new_zarn_data();
+    EXPECT_EQ(append_zarn_data(data, e->memory, 40, nullptr), 0);
+    EXPECT_EQ(append_zarn_data(data, e->memory + 40, element::kBytes - 40, nullptr), 0);
+    EXPECT_EQ(add_free_element(data, e->memory, e, zarn_free_func_from_ext(free_element),
+                               interrupt_safe ? FREE_INTERRUPT_SAFE : 0),
+              0);
+    return data;
+}
+
+bool holds_pattern(zarn_data_t *data, uint8_t pattern) {
+    uint8_t bytes[element::kBytes];
+    uint32_t length = data->length;
+    if (copy_from_zarn_data(data, 0, bytes, length) != length) return false;
+    for (uint32_t i = 0; i < length; ++i) {
+        if (bytes[i] != pattern) return false;
+    }
+    return true;
+}
+
+// Buffers on their way from the threads to the interrupts.
+constexpr int kSlots = 64;
+zarn_data_t *gSlots[kSlots];
+std::atomic<uint32_t> gInterrupts, gInterruptDeletions;
+
+void on_interrupt(const siginfo_t *) {
+    uint32_t start = gInterrupts++;
+    for (uint32_t i = 0; i < 4; ++i) {
+        zarn_data_t *data = __atomic_exchange_n(&gSlots[(start + i) % kSlots], nullptr, __ATOMIC_ACQ_REL);
+        if (data == nullptr) continue;
+        isafe_delete_zarn_data(data);
+        gInterruptDeletions++;
+    }
+}
+
+void put_into_slot(uint32_t slot, zarn_data_t *data) {
+    zarn_data_t *empty = nullptr;
+    if (!__atomic_compare_exchange_n(&gSlots[slot % kSlots], &empty, data, false, __ATOMIC_ACQ_REL,
+                                     __ATOMIC_RELAXED))
+        isafe_delete_zarn_data(data);
+}
+
+// The thread that also gets interrupts while it takes buffers apart.
+std::atomic<bool> gKnowsPurgatory;
+pthread_t gPurgatory;
+
+void learn_thread(void *) {
+    gPurgatory = pthread_self();
+    gKnowsPurgatory = true;
+}
+
+// Two threads make packets, share them and delete what they hold by either function, while interrupts hit them and the
+// purgatory's thread 20000 times a second and delete clones of the same packets.
+TEST_F(stress_test, InterruptsDeleteWhatThreadsShare) {
+    const int packets = stress_rounds(20000);
+    constexpr int kThreads = 2;
+    gFrees = 0;
+    gInterrupts = gInterruptDeletions = 0;
+    std::deque<element> elements(static_cast<size_t>(packets * kThreads));
+    for (int i = 0; i < 9; ++i) {
+        zarn_data_t *data = new_zarn_data();
+        if (i == 0) add_free_element(data, data, nullptr, learn_thread, 0);
+        isafe_delete_zarn_data(data);
+    }
+    while (!gKnowsPurgatory)
+        std::this_thread::yield();
+
+    const int signal = SIGRTMIN + 3;
+    ASSERT_EQ(hosted_install_interrupt(signal, on_interrupt), 0);
+    pthread_t workers[kThreads];
+    std::atomic<int> ready{0}, working{kThreads};
+    std::atomic<bool> pulsing{true};
+    run_threads(kThreads + 1, [&](int who) {
+        if (who == kThreads) {
+            while (ready != kThreads)
+                std::this_thread::yield();
+            auto start = std::chrono::steady_clock::now();
+            int64_t sent = 0;
+            while (working != 0) {
+                int64_t due = (std::chrono::steady_clock::now() - start) / std::chrono::microseconds(50);
+                for (; sent < due; ++sent)
+                    pthread_kill(sent % 3 == 2 ? gPurgatory : workers[sent % 3], signal);
+                timespec pause = {0, 50000};
+                nanosleep(&pause, nullptr);
+            }
+            pulsing = false;
+            return;
+        }
+        workers[who] = pthread_self();
+        ready++;
+        dice die(who + 1);
+        for (int i = 0; i < packets; ++i) {
+            element *e = &elements[static_cast<size_t>(who * packets + i)];
+            auto pattern = static_cast<uint8_t>(die.roll(200));
+            zarn_data_t *data = new_packet(e, pattern, die.roll(2));
+            for (uint32_t clones = die.roll(4); clones != 0; --clones) {
+                zarn_data_t *clone = new_zarn_data();
+                uint32_t offset = die.roll(element::kBytes);
+                EXPECT_EQ(clone_zarn_data(clone, data, offset, die.roll(element::kBytes - offset)), 0);
+                put_into_slot(die.roll(kSlots), clone);
+            }
+            if (die.roll(8) == 0) {
+                EXPECT_EQ(disassociate_zarn_data(data, 10, 50), 0);
+            }
+            EXPECT_TRUE(holds_pattern(data, pattern));
+            die.roll(2) ? delete_zarn_data(data) : isafe_delete_zarn_data(data);
+        }
+        working--;
+        while (pulsing)  // no interrupt may look for a thread that is gone
+            std::this_thread::yield();
+    });
+    ASSERT_EQ(hosted_install_interrupt(signal, [](const siginfo_t *) {}), 0);
+
+    for (zarn_data_t *&slot : gSlots) {
+        if (slot != nullptr) delete_zarn_data(std::exchange(slot, nullptr));
+    }
+    ASSERT_EQ(uninit_data_purgatory(), 0);  // releases what still lies there
+    ASSERT_EQ(init_data_purgatory(kPurgatoryThreshold), 0);
+    EXPECT_EQ(gFrees, packets * kThreads);
+    int wrong = 0;
+    for (element &e : elements)
+        wrong += e.freed != 1;
+    EXPECT_EQ(wrong, 0) << "elements were not freed exactly once";
+    EXPECT_GT(gInterruptDeletions, 0u) << "of " << gInterrupts << " interrupts";
+}
+
+// Starts and stops with deletions around them: a wake-up that is lost stops the test for good, a stop that returns
+// before the thread has left or with a buffer left behind is seen, and a thread that finds its semaphore dead makes the
+// kernel log a line.
+TEST(purgatory_storm, StartsAndStopsLoseNothing) {
+    const int rounds = stress_rounds(2000);
+    static std::mutex gLock;
+    static std::string gLog;
+    hosted_set_log(
+        [](void *, const char *text) {
+            std::lock_guard held(gLock);
+            gLog += text;
+        },
+        nullptr);
+    hosted_counts before = hosted_count_objects();
+    ASSERT_EQ(init_mempool(), 0);
+    gFrees = 0;
+    std::deque<element> elements;
+    dice die(7);
+    std::atomic<int> turn{0};
+    std::atomic<uint32_t> deletions{0};
+    std::thread other([&] {  // deletes its share of each round when it is told to
+        dice its_die(8);
+        for (int round = 1; round <= rounds; ++round) {
+            while (turn != 2 * round - 1)
+                std::this_thread::yield();
+            for (uint32_t i = its_die.roll(12); i != 0; --i) {
+                isafe_delete_zarn_data(new_zarn_data());
+                deletions++;
+            }
+            turn++;
+        }
+    });
+    for (int round = 1; round <= rounds; ++round) {
+        ASSERT_EQ(init_data_purgatory(static_cast<int32_t>(die.roll(3))), 0);
+        turn = 2 * round - 1;
+        for (uint32_t i = die.roll(12); i != 0; --i)
+            isafe_delete_zarn_data(new_packet(&elements.emplace_back(), 1, die.roll(2)));
+        while (turn != 2 * round)
+            std::this_thread::yield();
+        if (die.roll(2)) {
+            for (uint32_t spins = die.roll(3000); spins != 0; --spins)
+                pause_processor();
+        }
+        ASSERT_EQ(uninit_data_purgatory(), 0);
+        ASSERT_EQ(gFrees, static_cast<int>(elements.size())) << "round " << round;
+        ASSERT_EQ(gPurgy.stack.top.pointer, &gPurgy.stack.sentinel);
+    }
+    other.join();
+    EXPECT_TRUE(hosted_wait_for_threads(before.threads, 5000000));
+    EXPECT_EQ(hosted_count_objects().semaphores, before.semaphores);
+    EXPECT_EQ(uninit_mempool(), 0);
+    gMP = {};
+    hosted_set_log(nullptr, nullptr);
+    EXPECT_EQ(gLog, "");
+}
+
+}  // namespace
