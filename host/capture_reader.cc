@@ -58,6 +58,8 @@ const char *capture_status_name(capture_status status) {
             return "not_a_capture";
         case capture_status::kUnreadable:
             return "unreadable";
+        case capture_status::kStopped:
+            return "stopped";
     }
     return "";
 }

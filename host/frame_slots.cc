@@ -13,29 +13,69 @@ struct slot {
 };
 static_assert(sizeof(slot) == kSlotSize);
 
-// The free function of a frame's pieces.
+// The free function of a frame's pieces. The decrements pair with the loads in delete_frame_slots.
 void recycle_slot(void *bytes) {
     slot *block = reinterpret_cast<slot *>(static_cast<uint8_t *>(bytes) - offsetof(slot, bytes));
     frame_slots *owner = block->owner;
     owner->util->mp_free(owner->pool, block);
-    __atomic_fetch_sub(&owner->out, 1, __ATOMIC_RELEASE);  // pairs with the load in delete_frame_slots
+    __atomic_fetch_sub(&owner->slots_out, 1, __ATOMIC_RELEASE);
+}
+
+// A free function, too, with an extra argument: an element that isn't safe at interrupt level is freed right
+// before the buffer's own block. The element stands for how many pieces the buffer had.
+void return_pieces(void *slots, void *pieces) {
+    __atomic_fetch_sub(&static_cast<frame_slots *>(slots)->pieces_out,
+                       static_cast<int32_t>(reinterpret_cast<intptr_t>(pieces)), __ATOMIC_RELEASE);
 }
 
 slot *take_slot(frame_slots *slots) {
     slot *block = static_cast<slot *>(slots->util->mp_alloc(slots->pool));
     if (block == nullptr) return nullptr;
     block->owner = slots;
-    __atomic_fetch_add(&slots->out, 1, __ATOMIC_RELAXED);
+    __atomic_fetch_add(&slots->slots_out, 1, __ATOMIC_RELAXED);
     return block;
+}
+
+// The buffer, still empty. One that is deleted at interrupt level gives its slots back before its own blocks,
+// so there the slots alone don't bound how many blocks are out, and the heap is no place to go to.
+int32_t new_buffer(frame_slots *slots, int32_t pieces, wrap_level level, zarn_data_t **out) {
+    zarn_util_module_t *util = slots->util;
+    void *element = reinterpret_cast<void *>(static_cast<intptr_t>(pieces));
+    if (level == wrap_level::kThread) {
+        *out = util->new_zarn_data();
+        return *out != nullptr ? 0 : ERR_NO_MEMORY;
+    }
+    if (__atomic_add_fetch(&slots->pieces_out, pieces, __ATOMIC_ACQUIRE) > kSlots) {
+        return_pieces(slots, element);
+        return ERR_WOULD_BLOCK;
+    }
+    *out = util->new_zarn_data();
+    if (*out != nullptr &&
+        util->add_free_element(*out, element, slots, zarn_free_func_from_ext(return_pieces), 0) == 0) {
+        return 0;
+    }
+    return_pieces(slots, element);
+    if (*out != nullptr) util->isafe_delete_zarn_data(*out);
+    return ERR_NO_MEMORY;
+}
+
+// Even a frame of which nothing was captured has a slot, so that the slots bound the number of buffers.
+int32_t append_piece(zarn_util_module_t *util, zarn_data_t *data, slot *piece, uint32_t length,
+                     wrap_level level) {
+    if (level == wrap_level::kThread && length != 0)
+        return util->append_zarn_data(data, piece->bytes, length, recycle_slot);
+    int32_t status = util->append_zarn_data(data, piece->bytes, length, nullptr);
+    if (status != 0) return status;
+    return util->add_free_element(data, piece->bytes, nullptr, recycle_slot, FREE_INTERRUPT_SAFE);
 }
 
 }  // namespace
 
-int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t count) {
-    *slots = {util, nullptr, nullptr, 0};
-    slots->memory = aligned_alloc(kSlotSize, kSlotSize * static_cast<size_t>(count));
+int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util) {
+    *slots = {util, nullptr, nullptr, 0, 0};
+    slots->memory = aligned_alloc(kSlotSize, kSlotSize * static_cast<size_t>(kSlots));
     if (slots->memory == nullptr) return ERR_NO_MEMORY;
-    slots->pool = util->new_mempool(slots->memory, kSlotSize, count);
+    slots->pool = util->new_mempool(slots->memory, kSlotSize, kSlots);
     if (slots->pool != nullptr) return 0;
     free(slots->memory);
     slots->memory = nullptr;
@@ -43,7 +83,8 @@ int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t
 }
 
 int32_t delete_frame_slots(frame_slots *slots) {
-    int32_t out = __atomic_load_n(&slots->out, __ATOMIC_ACQUIRE);
+    int32_t out = __atomic_load_n(&slots->slots_out, __ATOMIC_ACQUIRE) +
+                  __atomic_load_n(&slots->pieces_out, __ATOMIC_ACQUIRE);
     if (out != 0 || slots->pool == nullptr) return out;
     slots->util->delete_mempool(slots->pool);
     free(slots->memory);
@@ -51,27 +92,38 @@ int32_t delete_frame_slots(frame_slots *slots) {
     return 0;
 }
 
-zarn_data_t *wrap_frame(frame_slots *slots, const uint8_t *bytes, uint32_t captured, uint32_t on_wire) {
+int32_t wrap_frame(frame_slots *slots, const captured_frame *frame, wrap_level level, zarn_data_t **out) {
     zarn_util_module_t *util = slots->util;
-    zarn_data_t *data = util->new_zarn_data();
-    if (data == nullptr) return nullptr;
-    data->user_word_1 = on_wire;
-    while (captured != 0) {
-        uint32_t length = std::min(captured, kSlotBytes);
+    zarn_data_t *data = nullptr;
+    uint32_t pieces = std::max<uint32_t>(1, (frame->captured + kSlotBytes - 1) / kSlotBytes);
+    int32_t status = new_buffer(slots, static_cast<int32_t>(pieces), level, &data);
+    if (status != 0) return status;
+    // Some writers give an original length below the captured one; the frame then had what was captured.
+    data->user_word_1 = std::max(frame->captured, frame->on_wire);
+    for (uint32_t i = 0; i < pieces; i++) {
+        uint32_t done = i * kSlotBytes;
+        uint32_t length = std::min(frame->captured - done, kSlotBytes);
         slot *piece = take_slot(slots);
-        if (piece == nullptr) goto fail;
-        memcpy(piece->bytes, bytes, length);
-        if (util->append_zarn_data(data, piece->bytes, length, recycle_slot) != 0) {
-            // Linked or not, the buffer doesn't own the piece; nobody reads it before the buffer goes.
-            recycle_slot(piece->bytes);
+        if (piece == nullptr) {
+            status = ERR_WOULD_BLOCK;
             goto fail;
         }
-        bytes += length;
-        captured -= length;
+        if (length != 0) memcpy(piece->bytes, frame->bytes + done, length);
+        if (append_piece(util, data, piece, length, level) != 0) {
+            // Linked or not, the buffer doesn't own the piece; nobody reads it before the buffer goes.
+            recycle_slot(piece->bytes);
+            status = ERR_NO_MEMORY;
+            goto fail;
+        }
     }
-    return data;
+    *out = data;
+    return 0;
 
 fail:
-    util->delete_zarn_data(data);
-    return nullptr;
+    if (level == wrap_level::kInterrupt) {
+        util->isafe_delete_zarn_data(data);
+    } else {
+        util->delete_zarn_data(data);
+    }
+    return status;
 }

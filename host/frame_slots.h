@@ -4,10 +4,9 @@
 // and that come back when the last buffer that refers to them goes. A frame that is longer than a slot is
 // scattered over several.
 //
-// - Wrapping and giving back are lock-free and work at interrupt level as long as the module's own pools have
-// blocks.
-// - The slots outlive every buffer that was made from them: `delete_frame_slots` with slots still out is
-// refused.
+// - Wrapping and giving back are lock-free. There are fewer slots than the module's pools have blocks, so
+//   they do not reach the heap either, and work at interrupt level.
+// - The slots outlive every buffer that was made from them: with slots out `delete_frame_slots` refuses.
 
 #ifndef ZARN_HOST_FRAME_SLOTS_H
 #define ZARN_HOST_FRAME_SLOTS_H
@@ -16,26 +15,35 @@
 
 #include <cstdint>
 
-// Bytes that fit into one slot: a pool's blocks are powers of two, and a word in front tells whose slot it
-// is.
+#include "host/capture_reader.h"
+
+// A pool's blocks are powers of two, and a word in front tells whose slot it is.
 constexpr uint32_t kSlotSize = 2048;
 constexpr uint32_t kSlotBytes = kSlotSize - 2 * sizeof(void *);
+
+// The longest frame takes 130; each buffer takes a medium block of the module's 256, and one more for ten
+// pieces.
+constexpr int32_t kSlots = 192;
 
 struct frame_slots {
     zarn_util_module_t *util;
     mempool_t *pool;
     void *memory;
-    int32_t out;  // slots that hold a frame; atomic
+    int32_t slots_out;   // slots that hold a frame; atomic
+    int32_t pieces_out;  // of the buffers that were wrapped at interrupt level and still exist; atomic
 };
 
-// Returns 0 or ERR_NO_MEMORY.
-int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t count);
+enum class wrap_level { kThread, kInterrupt };
 
-// Returns how many slots are still out; the memory goes only when that is 0.
+// Returns 0 or ERR_NO_MEMORY.
+int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util);
+
+// Returns how many slots and pieces are still out; the memory goes only when that is 0.
 int32_t delete_frame_slots(frame_slots *slots);
 
-// A new buffer over a copy of the frame, with `on_wire` in its `user_word_1`; null when slots or blocks have
-// run out.
-zarn_data_t *wrap_frame(frame_slots *slots, const uint8_t *bytes, uint32_t captured, uint32_t on_wire);
+// Makes a buffer over a copy of the frame, with the length that it had on the wire in `user_word_1` and 0 in
+// `user_word_2`. The slots of a buffer that was wrapped at interrupt level may also come back there.
+// 0; ERR_WOULD_BLOCK as long as too few slots are free; ERR_NO_MEMORY.
+int32_t wrap_frame(frame_slots *slots, const captured_frame *frame, wrap_level level, zarn_data_t **out);
 
 #endif

@@ -11,6 +11,9 @@
 #include <cstring>
 #include <vector>
 
+#include "platform/hosted/hosted_kernel.h"
+#include "platform/kern.h"
+
 namespace {
 
 constexpr bool kWide = sizeof(void *) == 8;
@@ -20,9 +23,17 @@ constexpr pool_state kPoolShapes[kPools] = {
     {"large", 2048, 128, 0, 0},
 };
 
-uint64_t gFallBacks[kPools];  // atomic
+// So many buffers may wait for deletion without waking the thread that does it.
+constexpr int kPurgatoryWaits = 8;
+
+// Atomic
+uint64_t gFallBacks[kPools];
+uint64_t gCalls;
+uint64_t gCallsAtInterruptLevel;
 
 void *metered_malloc(size_t size) {
+    __atomic_fetch_add(&gCalls, 1, __ATOMIC_RELAXED);
+    if (hosted_at_interrupt_level()) __atomic_fetch_add(&gCallsAtInterruptLevel, 1, __ATOMIC_RELAXED);
     for (int i = 0; i < kPools; i++) {
         if (size > kPoolShapes[i].block_size) continue;
         __atomic_fetch_add(&gFallBacks[i], 1, __ATOMIC_RELAXED);
@@ -61,6 +72,37 @@ void **find_malloc_slot(const link_map *map) {
     return slot;
 }
 
+std::array<pool_state, kPools> look_at_pools(const zarn_util_module_t *util) {
+    std::array<pool_state, kPools> states;
+    std::vector<void *> taken;
+    for (int i = 0; i < kPools; i++) {
+        states[i] = kPoolShapes[i];
+        states[i].fall_backs = __atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED);
+        uint64_t before = states[i].fall_backs;
+        // The request that goes to the heap is the first one that finds the pool dry.
+        states[i].out = states[i].blocks;
+        while (true) {
+            void *block = util->zarn_falloc(states[i].block_size);
+            if (block == nullptr) break;
+            taken.push_back(block);
+            if (__atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED) != before) break;
+            states[i].out--;
+        }
+        __atomic_store_n(&gFallBacks[i], before, __ATOMIC_RELAXED);
+        for (void *block : taken)
+            util->zarn_free(block);
+        taken.clear();
+    }
+    return states;
+}
+
+bool all_blocks_in(const std::array<pool_state, kPools> &states) {
+    for (const pool_state &state : states) {
+        if (state.out != 0) return false;
+    }
+    return true;
+}
+
 }  // namespace
 
 int32_t install_heap_meter(const zarn_util_module_t *util) {
@@ -81,26 +123,20 @@ int32_t install_heap_meter(const zarn_util_module_t *util) {
     return 0;
 }
 
+uint64_t heap_calls_at_interrupt_level() {
+    return __atomic_load_n(&gCallsAtInterruptLevel, __ATOMIC_RELAXED);
+}
+
 std::array<pool_state, kPools> measure_pools(const zarn_util_module_t *util) {
-    std::array<pool_state, kPools> states;
-    std::vector<void *> taken;
-    for (int i = 0; i < kPools; i++) {
-        states[i] = kPoolShapes[i];
-        states[i].fall_backs = __atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED);
-        uint64_t before = states[i].fall_backs;
-        // The request that goes to the heap is the first one that finds the pool dry.
-        states[i].out = states[i].blocks;
-        while (true) {
-            void *block = util->zarn_falloc(states[i].block_size);
-            if (block == nullptr) break;
-            taken.push_back(block);
-            if (__atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED) != before) break;
-            states[i].out--;
+    constexpr int kRounds = 200;
+    std::array<pool_state, kPools> states = look_at_pools(util);
+    for (int round = 0; round < kRounds && !all_blocks_in(states); round++) {
+        // More than wait without waking the purgatory's thread, so that they take along what waits there.
+        for (int i = 0; i < 2 * kPurgatoryWaits; i++) {
+            if (zarn_data_t *data = util->new_zarn_data()) util->isafe_delete_zarn_data(data);
         }
-        __atomic_store_n(&gFallBacks[i], before, __ATOMIC_RELAXED);
-        for (void *block : taken)
-            util->zarn_free(block);
-        taken.clear();
+        kern_sleep_us(5'000);
+        states = look_at_pools(util);
     }
     return states;
 }

@@ -29,6 +29,9 @@ struct pool_state {
 // -1 when the module calls no `malloc` that could be counted.
 int32_t install_heap_meter(const zarn_util_module_t *util);
 
+// How often the module went to the heap at interrupt level, where it must not.
+uint64_t heap_calls_at_interrupt_level();
+
 // The state of the module's three pools. What is out is found by taking every block that is left and giving
 // it back, so nothing else may use the module meanwhile.
 std::array<pool_state, kPools> measure_pools(const zarn_util_module_t *util);

@@ -2,26 +2,23 @@
 #include "host/kernel_log.h"
 
 #include <cstdio>
-#include <string>
+#include <cstring>
 
 #include "platform/hosted/hosted_kernel.h"
 
 namespace {
 
-std::string gHeld;  // the kernel calls the sink with one line at a time
+// Parts of lines that tell of an ordinary start.
+constexpr const char *kRoutine[] = {"zarn_timers : wheel Size", "runs without its real-time priority"};
 
-void keep(void *, const char *text) {
-    gHeld += text;
+void print_line(void *, const char *text) {
+    for (const char *part : kRoutine)
+        if (strstr(text, part) != nullptr) return;
+    fputs(text, stderr);
 }
 
 }  // namespace
 
-void hold_kernel_log() {
-    hosted_set_log(keep, nullptr);
-}
-
-void release_kernel_log(bool print) {
-    hosted_set_log(nullptr, nullptr);
-    if (print) fputs(gHeld.c_str(), stderr);
-    gHeld.clear();
+void show_kernel_log(bool all) {
+    hosted_set_log(all ? nullptr : print_line, nullptr);
 }

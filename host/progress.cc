@@ -6,31 +6,37 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "platform/kern.h"
-
 namespace {
 
 constexpr int64_t kFirstAfter = 500'000;  // usec: short files show nothing
 constexpr int64_t kEvery = 200'000;
 
-}  // namespace
-
-void start_progress(progress_line *line, const char *path) {
-    *line = {path, isatty(STDERR_FILENO) == 1, false, kern_time_us() + kFirstAfter};
+void show_progress(zarn_timer_t *timer, void *argument) {
+    progress_line *line = static_cast<progress_line *>(argument);
+    int32_t permille = __atomic_load_n(&line->permille, __ATOMIC_RELAXED);
+    fprintf(stderr, "\r%s: %" PRIu32 " frames", line->path, __atomic_load_n(&line->frames, __ATOMIC_RELAXED));
+    if (permille >= 0) fprintf(stderr, ", %" PRId32 " %%", permille / 10);
+    fprintf(stderr, "\033[K");
+    line->shown = true;
+    line->util->zarn_set_timer(timer, kEvery, 1);
 }
 
-void update_progress(progress_line *line, uint64_t frames, double part) {
-    if (!line->enabled) return;
-    int64_t now = kern_time_us();
-    if (now < line->next_due) return;
-    line->next_due = now + kEvery;
-    line->shown = true;
-    fprintf(stderr, "\r%s: %" PRIu64 " frames", line->path, frames);
-    if (part >= 0) fprintf(stderr, ", %.0f %%", part * 100);
-    fprintf(stderr, "\033[K");
+}  // namespace
+
+void start_progress(progress_line *line, zarn_util_module_t *util, const char *path) {
+    *line = {util, nullptr, path, false, 0, -1};
+    if (isatty(STDERR_FILENO) != 1) return;
+    line->timer = util->create_zarn_timer(show_progress, line);
+    if (line->timer != nullptr) util->zarn_set_timer(line->timer, kFirstAfter, 0);
+}
+
+void note_progress(progress_line *line, uint64_t frames, double part) {
+    __atomic_store_n(&line->frames, static_cast<uint32_t>(frames), __ATOMIC_RELAXED);
+    __atomic_store_n(&line->permille, part < 0 ? -1 : static_cast<int32_t>(part * 1000), __ATOMIC_RELAXED);
 }
 
 void end_progress(progress_line *line) {
+    if (line->timer == nullptr) return;
+    line->util->delete_zarn_timer(line->timer);  // waits until its hook neither runs nor will
     if (line->shown) fprintf(stderr, "\r\033[K");
-    line->shown = false;
 }

@@ -4,48 +4,59 @@
 #include <getopt.h>
 
 #include <algorithm>
+#include <charconv>
 #include <cinttypes>
 #include <cstdio>
+#include <cstring>
 #include <filesystem>
 #include <string>
 #include <vector>
 
 #include "host/capture_reader.h"
 #include "host/exit_codes.h"
-#include "host/frame_slots.h"
 #include "host/heap_meter.h"
 #include "host/kernel_log.h"
+#include "host/pipeline.h"
 #include "host/progress.h"
 #include "host/protocol_stack.h"
 #include "host/report.h"
+#include "host/stop_signals.h"
 #include "platform/hosted/hosted_kernel.h"
 #include "platform/kern.h"
 
 namespace {
 
 constexpr char kUsage[] =
-    "usage: zarn replay [--modules DIR] [--tsv | --json] FILE...\n"
+    "usage: zarn replay [OPTION]... FILE...\n"
     "\n"
-    "Reads Ethernet captures (pcap of either byte order, pcapng), runs every frame through the\n"
-    "modules, and prints what the protocols have counted. FILE can be - for the standard input.\n"
+    "Reads Ethernet captures (pcap of either byte order, pcapng), takes every frame through a queue to\n"
+    "the protocol modules, and prints what these have counted. FILE can be - for the standard input.\n"
     "\n"
     "  --modules DIR  where the modules lie (default: the directory modules beside the program)\n"
     "  --tsv          a header line, and a row of tab-separated values for each file\n"
     "  --json         a JSON object on a line for each file\n"
+    "  --rate N       receive N frames a second (default: as fast as they can be read)\n"
+    "  --repeat N     read each file N times (default: once)\n"
+    "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
+    "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
+    "  --log          show all of the kernel's log on stderr, not only what is out of the ordinary\n"
     "  --help         this text\n"
     "\n"
     "A file's status is ok, cut (it ends inside a record), damaged (it holds a record that cannot be),\n"
-    "not_a_capture or unreadable. Whatever could be read before is counted.\n"
+    "not_a_capture, unreadable or stopped (by SIGINT or SIGTERM). Whatever was read before is counted.\n"
     "\n"
     "Exit status: 0 all is well; 1 a file could not be read to its end or holds frames that are not\n"
-    "Ethernet; 2 wrong usage; 3 a module can't be loaded; 4 something was not given back at the end.\n";
-
-// As many as the longest frame takes, and some.
-constexpr int32_t kSlots = 256;
+    "Ethernet; 2 wrong usage; 3 a module can't be loaded; 4 something was not given back at the end, or was "
+    "done at\n"
+    "interrupt level that must not be.\n";
 
 struct replay_options {
     std::string modules;
-    report_format format = report_format::kTable;
+    report_style style;
+    uint64_t rate = 0;  // frames per second, 0 for no limit
+    uint64_t repeat = 1;
+    bool interrupts = false;
+    bool log = false;
     std::vector<const char *> files;
 };
 
@@ -60,13 +71,26 @@ int usage_error(const std::string &what) {
     return kExitUsage;
 }
 
+// A number from 1 to a million million.
+bool parse_count(const char *text, uint64_t *count) {
+    constexpr uint64_t kMost = 1'000'000'000'000;
+    const char *end = text + strlen(text);
+    auto [rest, error] = std::from_chars(text, end, *count);
+    return error == std::errc() && rest == end && *count >= 1 && *count <= kMost;
+}
+
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, replay_options *options) {
-    enum { kModules = 256, kTsv, kJson, kHelp };
+    enum { kModules = 256, kTsv, kJson, kRate, kRepeat, kDrop, kInterrupt, kLog, kHelp };
     static const option kOptions[] = {
         {"modules", required_argument, nullptr, kModules},
         {"tsv", no_argument, nullptr, kTsv},
         {"json", no_argument, nullptr, kJson},
+        {"rate", required_argument, nullptr, kRate},
+        {"repeat", required_argument, nullptr, kRepeat},
+        {"drop", no_argument, nullptr, kDrop},
+        {"interrupt", no_argument, nullptr, kInterrupt},
+        {"log", no_argument, nullptr, kLog},
         {"help", no_argument, nullptr, kHelp},
         {},
     };
@@ -80,11 +104,25 @@ int parse_options(int argc, char **argv, replay_options *options) {
                 break;
             case kTsv:
                 tsv = true;
-                options->format = report_format::kTsv;
+                options->style.format = report_format::kTsv;
                 break;
             case kJson:
                 json = true;
-                options->format = report_format::kJson;
+                options->style.format = report_format::kJson;
+                break;
+            case kRate:
+            case kRepeat:
+                if (!parse_count(optarg, found == kRate ? &options->rate : &options->repeat))
+                    return usage_error(std::string(optarg) + " is no number from 1 up");
+                break;
+            case kDrop:
+                options->style.drops = true;
+                break;
+            case kInterrupt:
+                options->interrupts = true;
+                break;
+            case kLog:
+                options->log = true;
                 break;
             case kHelp:
             case 'h':
@@ -97,8 +135,11 @@ int parse_options(int argc, char **argv, replay_options *options) {
         }
     }
     if (tsv && json) return usage_error("--tsv and --json exclude each other");
-    for (int i = optind; i < argc; i++)
+    for (int i = optind; i < argc; i++) {
         options->files.push_back(argv[i]);
+        if (strcmp(argv[i], "-") == 0 && options->repeat > 1)
+            return usage_error("the standard input can't be read more than once");
+    }
     if (options->files.empty()) return usage_error("no file named");
     if (options->modules.empty()) options->modules = default_module_directory();
     return -1;
@@ -112,54 +153,101 @@ void print_input_error(const char *path, uint64_t frame, const std::string &what
     }
 }
 
-// Runs all frames of one file through the protocols. `result->error` is empty when all is well.
-void replay_file(const char *path, const protocol_stack *stack, frame_slots *slots, file_result *result) {
-    *result = {};
-    result->path = path;
-    progress_line progress;
-    start_progress(&progress, path);
-    uint64_t bad_frame = 0;
-    uint64_t first_foreign = 0;  // frame that is not Ethernet
+// Holds the receiving side back to so many frames a second. Each frame has its time, counted from the start,
+// so that what one sleep takes too long is made up for.
+struct frame_pacer {
+    uint64_t rate;  // 0 for no limit
+    int64_t start;  // usec
+};
 
-    capture_reader reader;
-    int64_t start = kern_time_us();
-    bool opened = open_capture(&reader, path);
+void wait_for_turn(const frame_pacer *pacer, uint64_t frame) {
+    if (pacer->rate == 0) return;
+    constexpr int64_t kLongest = 50'000;  // a request to stop is not to wait longer
+    int64_t due = pacer->start + static_cast<int64_t>(frame / pacer->rate * 1'000'000 +
+                                                      frame % pacer->rate * 1'000'000 / pacer->rate);
+    for (int64_t left; !stop_requested() && (left = due - kern_time_us()) > 0;)
+        kern_sleep_us(std::min(left, kLongest));
+}
+
+// One file on its way through the pipeline.
+struct file_replay {
+    const replay_options *options;
+    frame_pipeline *pipeline;
+    file_result *result;
+    progress_line progress;
+    frame_pacer pacer;
+    uint64_t bad_frame;  // where in the file the trouble is, 0 when it is in no frame
+};
+
+void note_trouble(file_replay *replay, uint64_t frame, const std::string &what) {
+    if (!replay->result->error.empty()) return;
+    replay->result->error = what;
+    replay->bad_frame = frame;
+}
+
+// Offers the frames of the open file. False when there is no point in going on.
+bool offer_frames(file_replay *replay, capture_reader *reader, uint64_t round) {
+    file_result *result = replay->result;
     captured_frame frame;
-    while (opened && read_frame(&reader, &frame)) {
+    uint64_t read = 0, foreign = 0;
+    while (!stop_requested() && read_frame(reader, &frame)) {
+        wait_for_turn(&replay->pacer, result->frames);
+        read++;
         result->frames++;
         result->captured_bytes += frame.captured;
         result->wire_bytes += frame.on_wire;
         if (frame.captured < frame.on_wire) result->cut_short++;
-        if (result->frames % 1024 == 0) update_progress(&progress, result->frames, capture_progress(&reader));
+        if (read % 256 == 0) {
+            double part = capture_progress(reader);
+            if (part >= 0)
+                part = (static_cast<double>(round) + part) / static_cast<double>(replay->options->repeat);
+            note_progress(&replay->progress, result->frames, part);
+        }
         if (!frame.ethernet) {
-            if (result->not_ethernet++ == 0) first_foreign = result->frames;
+            if (foreign++ == 0)
+                note_trouble(replay, read, "the link type " + reader->link_name + " is not Ethernet");
             continue;
         }
-        // Some writers give an original length below the captured one; the frame then has what was captured.
-        uint32_t on_wire = std::max(frame.captured, frame.on_wire);
-        zarn_data_t *data = wrap_frame(slots, frame.bytes, frame.captured, on_wire);
-        if (data == nullptr) {
-            bad_frame = result->frames;
-            result->error = "out of memory, the rest of the file is left out";
+        if (offer_frame(replay->pipeline, &frame) == frame_fate::kNoMemory) {
+            note_trouble(replay, read, "out of memory, the rest is left out");
             break;
         }
-        receive_frame(stack, data);
     }
-    result->seconds = static_cast<double>(kern_time_us() - start) / 1e6;
-    end_progress(&progress);
+    result->not_ethernet += foreign;
+    if (stop_requested()) {
+        result->status = capture_status::kStopped;
+    } else if (reader->status != capture_status::kOk) {
+        result->status = reader->status;
+        note_trouble(replay, read + 1, reader->error);
+    }
+    return result->status == capture_status::kOk && (result->error.empty() || foreign != 0);
+}
 
-    result->status = reader.status;
-    result->protocols = take_protocol_counts(stack);
-    if (reader.status != capture_status::kOk) {
-        result->error = reader.error;
-        if (opened) bad_frame = result->frames + 1;
-    } else if (result->error.empty() && first_foreign != 0) {
-        bad_frame = first_foreign;
-        result->error = "the link type " + reader.link_name + " is not Ethernet; " +
-                        std::to_string(result->not_ethernet) + " such frames were left out";
+// Runs all frames of one file through the protocols. `result->error` is empty when all is well.
+void replay_file(const char *path, const replay_options *options, frame_pipeline *pipeline,
+                 file_result *result) {
+    *result = {};
+    result->path = path;
+    int64_t start = kern_time_us();
+    file_replay replay = {options, pipeline, result, {}, {options->rate, start}, 0};
+    start_progress(&replay.progress, pipeline->stack->util, path);
+    bool going = true;
+    for (uint64_t round = 0; going && round < options->repeat; round++) {
+        capture_reader reader;
+        if (open_capture(&reader, path)) {
+            going = offer_frames(&replay, &reader, round);
+        } else {
+            result->status = reader.status;
+            note_trouble(&replay, 0, reader.error);
+            going = false;
+        }
+        close_capture(&reader);
     }
-    if (!result->error.empty()) print_input_error(path, bad_frame, result->error);
-    close_capture(&reader);
+    result->dropped = drain_pipeline(pipeline);
+    result->seconds = static_cast<double>(kern_time_us() - start) / 1e6;
+    result->protocols = take_protocol_counts(pipeline->stack);
+    end_progress(&replay.progress);
+    if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
 
 // Whether all blocks are back in their pools; says so on stderr when they are not.
@@ -185,6 +273,36 @@ bool kernel_is_empty() {
     return false;
 }
 
+// Replays the files. Returns an exit code.
+int replay_files(const replay_options &options, const protocol_stack *stack) {
+    frame_pipeline pipeline;
+    if (!start_pipeline(&pipeline, stack, options.interrupts, options.style.drops)) return kExitInput;
+    accept_stop_signals();
+
+    int code = kExitOk;
+    file_result result;
+    print_report_start(options.style);
+    for (const char *path : options.files) {
+        if (stop_requested()) break;
+        replay_file(path, &options, &pipeline, &result);
+        result.pools = measure_pools(stack->util);
+        print_file_result(options.style, result);
+        if (!result.error.empty()) code = kExitInput;
+    }
+    std::array<pool_state, kPools> pools = measure_pools(stack->util);
+    print_report_end(options.style, pools);
+    if (!pools_are_full(pools)) code = kExitFault;
+    if (uint64_t calls = heap_calls_at_interrupt_level(); calls != 0) {
+        fprintf(stderr, "zarn: %" PRIu64 " heap calls at interrupt level\n", calls);
+        code = kExitFault;
+    }
+    if (int32_t out = stop_pipeline(&pipeline); out != 0) {
+        fprintf(stderr, "zarn: %" PRId32 " frames were not given back\n", out);
+        code = kExitFault;
+    }
+    return code;
+}
+
 }  // namespace
 
 int run_replay(int argc, char **argv) {
@@ -192,46 +310,22 @@ int run_replay(int argc, char **argv) {
     int code = parse_options(argc, argv, &options);
     if (code >= 0) return code;
 
+    block_stop_signals();
+    show_kernel_log(options.log);
     if (hosted_set_module_directory(options.modules.c_str()) != 0)
         return usage_error("the path of the module directory is too long");
     protocol_stack stack;
-    hold_kernel_log();
-    bool loaded = load_protocol_stack(&stack);
-    release_kernel_log(!loaded);
-    if (!loaded) return kExitModule;
-
-    code = kExitOk;
-    bool empty = true;
-    frame_slots slots;
-    if (install_heap_meter(stack.util) != 0) {
+    if (!load_protocol_stack(&stack)) return kExitModule;
+    if (install_heap_meter(stack.util) == 0) {
+        code = replay_files(options, &stack);
+    } else {
         fprintf(stderr, "zarn: the heap calls of the module can't be counted\n");
         code = kExitModule;
-    } else if (create_frame_slots(&slots, stack.util, kSlots) != 0) {
-        fprintf(stderr, "zarn: out of memory\n");
-        code = kExitInput;
-    } else {
-        file_result result;
-        print_report_start(options.format);
-        for (const char *path : options.files) {
-            replay_file(path, &stack, &slots, &result);
-            result.pools = measure_pools(stack.util);
-            print_file_result(options.format, result);
-            if (!result.error.empty()) code = kExitInput;
-        }
-        print_report_end(options.format, result.pools);
-        empty = pools_are_full(result.pools);
-        if (int32_t out = delete_frame_slots(&slots); out != 0) {
-            fprintf(stderr, "zarn: %" PRId32 " frames were not given back\n", out);
-            empty = false;
-        }
     }
-    hold_kernel_log();
-    if (!unload_protocol_stack(&stack)) empty = false;
-    if (!kernel_is_empty()) empty = false;
-    release_kernel_log(!empty);
+    if (!unload_protocol_stack(&stack) || !kernel_is_empty()) code = kExitFault;
     if (fflush(stdout) != 0 || ferror(stdout)) {
         fprintf(stderr, "zarn: can't write the report\n");
-        code = kExitInput;
+        if (code == kExitOk) code = kExitInput;
     }
-    return empty ? code : kExitNotEmpty;
+    return code;
 }

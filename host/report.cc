@@ -81,7 +81,7 @@ void print_remainder(const char *what, uint64_t value) {
     if (value != 0) printf("  %s: %" PRIu64 "\n", what, value);
 }
 
-void print_table(const file_result &result) {
+void print_table(const file_result &result, bool drops) {
     printf("%s: %s\n", result.path.c_str(), capture_status_name(result.status));
     printf("  %-9s %10s %12s %10s %10s %10s %10s\n", "protocol", "frames", "bytes", "good", "bad", "absent",
            "unverified");
@@ -100,6 +100,7 @@ void print_table(const file_result &result) {
     print_remainder("other IPv4 protocols", result.protocols[kIpv4].unclaimed);
     print_remainder("cut short by the capture", result.cut_short);
     print_remainder("not Ethernet", result.not_ethernet);
+    if (drops) printf("  dropped: %" PRIu64 "\n", result.dropped);
     printf("  %" PRIu64 " frames, %" PRIu64 " bytes captured of %" PRIu64 " in %.3f ms: %.0f frames/s\n\n",
            result.frames, result.captured_bytes, result.wire_bytes, result.seconds * 1e3,
            frames_per_second(result));
@@ -134,7 +135,7 @@ std::string escape_for_tsv(const std::string &text) {
     return escaped;
 }
 
-void print_tsv(const file_result &result) {
+void print_tsv(const file_result &result, bool drops) {
     printf("%s\t%s", escape_for_tsv(file_name(result.path)).c_str(), capture_status_name(result.status));
     for (const column &column : kColumns) {
         if (column.value != nullptr) {
@@ -143,6 +144,7 @@ void print_tsv(const file_result &result) {
             printf("\t");
         }
     }
+    if (drops) printf("\t%" PRIu64, result.dropped);
     printf("\n");
 }
 
@@ -183,13 +185,14 @@ std::string quote_for_json(std::string_view text) {
     return quoted + '"';
 }
 
-void print_json(const file_result &result) {
+void print_json(const file_result &result, bool drops) {
     printf("{\"file\": %s, \"status\": \"%s\"", quote_for_json(result.path).c_str(),
            capture_status_name(result.status));
     if (!result.error.empty()) printf(", \"error\": %s", quote_for_json(result.error).c_str());
     for (const column &column : kColumns) {
         if (column.value != nullptr) printf(", \"%s\": %" PRIu64, column.name, column.value(result));
     }
+    if (drops) printf(", \"dropped\": %" PRIu64, result.dropped);
     printf(", \"seconds\": %.6f, \"frames_per_second\": %.0f", result.seconds, frames_per_second(result));
     printf(", \"protocols\": {");
     for (int i = 0; i < kProtocols; i++) {
@@ -215,31 +218,32 @@ void print_json(const file_result &result) {
 
 }  // namespace
 
-void print_report_start(report_format format) {
-    if (format != report_format::kTsv) return;
+void print_report_start(const report_style &style) {
+    if (style.format != report_format::kTsv) return;
     printf("file\tstatus");
     for (const column &column : kColumns)
         printf("\t%s", column.name);
+    if (style.drops) printf("\tdropped");
     printf("\n");
 }
 
-void print_file_result(report_format format, const file_result &result) {
-    switch (format) {
+void print_file_result(const report_style &style, const file_result &result) {
+    switch (style.format) {
         case report_format::kTable:
-            print_table(result);
+            print_table(result, style.drops);
             break;
         case report_format::kTsv:
-            print_tsv(result);
+            print_tsv(result, style.drops);
             break;
         case report_format::kJson:
-            print_json(result);
+            print_json(result, style.drops);
             break;
     }
     fflush(stdout);
 }
 
-void print_report_end(report_format format, const std::array<pool_state, kPools> &pools) {
-    if (format != report_format::kTable) return;
+void print_report_end(const report_style &style, const std::array<pool_state, kPools> &pools) {
+    if (style.format != report_format::kTable) return;
     printf("%-8s %10s %10s %10s %14s\n", "pool", "block size", "blocks", "still out", "heap instead");
     for (const pool_state &pool : pools) {
         printf("%-8s %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %14" PRIu64 "\n", pool.name, pool.block_size,

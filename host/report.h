@@ -21,6 +21,7 @@ struct file_result {
     uint64_t not_ethernet = 0;  // of these, from an interface of another link type
     uint64_t captured_bytes = 0;
     uint64_t wire_bytes = 0;
+    uint64_t dropped = 0;    // frames that the receiving side let go because there was no room
     uint64_t cut_short = 0;  // frames of which less was captured than was on the wire
     double seconds = 0;      // from the first frame read to the last one done
     protocol_counts protocols = {};
@@ -29,10 +30,15 @@ struct file_result {
 
 enum class report_format { kTable, kTsv, kJson };
 
-// What stands in front of the first file and behind the last one; nothing in some formats.
-void print_report_start(report_format format);
-void print_report_end(report_format format, const std::array<pool_state, kPools> &pools);
+struct report_style {
+    report_format format = report_format::kTable;
+    bool drops = false;  // frames may be dropped, and the report tells how many were
+};
 
-void print_file_result(report_format format, const file_result &result);
+// What stands in front of the first file and behind the last one; nothing in some formats.
+void print_report_start(const report_style &style);
+void print_report_end(const report_style &style, const std::array<pool_state, kPools> &pools);
+
+void print_file_result(const report_style &style, const file_result &result);
 
 #endif

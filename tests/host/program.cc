@@ -51,30 +51,37 @@ void write_file(const std::string &path, const std::string &bytes) {
     std::ofstream(path, std::ios::binary) << bytes;
 }
 
-program_result run_program(const std::vector<std::string> &arguments) {
+pid_t start_program(const std::vector<std::string> &arguments) {
     std::string out = scratch_directory() + "/out", err = scratch_directory() + "/err";
     fflush(nullptr);
     pid_t child = fork();
-    if (child == 0) {
-        if (freopen(out.c_str(), "w", stdout) == nullptr || freopen(err.c_str(), "w", stderr) == nullptr)
-            _exit(126);
-        std::string program = ZARN_BUILD_DIR "/zarn";
-        std::vector<char *> argv{program.data()};
-        for (const std::string &argument : arguments)
-            argv.push_back(const_cast<char *>(argument.c_str()));
-        argv.push_back(nullptr);
-        execv(program.c_str(), argv.data());
-        _exit(127);
-    }
+    if (child != 0) return child;
+    if (freopen(out.c_str(), "w", stdout) == nullptr || freopen(err.c_str(), "w", stderr) == nullptr)
+        _exit(126);
+    std::string program = ZARN_BUILD_DIR "/zarn";
+    std::vector<char *> argv{program.data()};
+    for (const std::string &argument : arguments)
+        argv.push_back(const_cast<char *>(argument.c_str()));
+    argv.push_back(nullptr);
+    execv(program.c_str(), argv.data());
+    _exit(127);
+}
+
+program_result finish_program(pid_t child) {
     int status = 0;
     waitpid(child, &status, 0);
-    int code = WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status);
-    program_result result = {code, read_file(out), read_file(err)};
+    program_result result = {WIFEXITED(status) ? WEXITSTATUS(status) : 128 + WTERMSIG(status),
+                             read_file(scratch_directory() + "/out"),
+                             read_file(scratch_directory() + "/err")};
     // Sanitizers may end the program with a status that it has itself.
     for (const char *report : {"Sanitizer", "runtime error"}) {
         if (result.err.find(report) != std::string::npos) ADD_FAILURE() << result.err;
     }
     return result;
+}
+
+program_result run_program(const std::vector<std::string> &arguments) {
+    return finish_program(start_program(arguments));
 }
 
 std::map<std::string, table_row> parse_table(const std::string &text) {

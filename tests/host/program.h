@@ -5,6 +5,8 @@
 #ifndef ZARN_TESTS_HOST_PROGRAM_H
 #define ZARN_TESTS_HOST_PROGRAM_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 #include <map>
 #include <string>
@@ -15,6 +17,9 @@ struct program_result {
     std::string out, err;
 };
 
+// Starts the program with its output in files of the scratch directory, and waits for its end.
+pid_t start_program(const std::vector<std::string> &arguments);
+program_result finish_program(pid_t child);
 program_result run_program(const std::vector<std::string> &arguments);
 
 // A table of tab-separated values: for each row, by the value of its first column, the others by their name.

@@ -2,8 +2,13 @@
 //
 // The program on real captures, on bad input, and on bytes that make no sense.
 
+#include <fcntl.h>
 #include <gtest/gtest.h>
+#include <sys/ioctl.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
+#include <csignal>
 #include <filesystem>
 #include <random>
 
@@ -15,10 +20,17 @@ namespace {
 
 const std::string kSamples = ZARN_SOURCE_DIR "/examples/captures";
 
+using strings = std::vector<std::string>;
+
+// The ways in which frames come to the protocols; nothing is lost on any of them.
+const strings kModes[] = {{}, {"--interrupt"}, {"--rate", "1000000"}};
+
 // Replays `files` and hands out the rows.
-std::map<std::string, table_row> replay(std::vector<std::string> files, int code) {
-    files.insert(files.begin(), {"replay", "--tsv"});
-    program_result result = run_program(files);
+std::map<std::string, table_row> replay(const strings &files, int code, const strings &mode = {}) {
+    strings arguments = {"replay", "--tsv"};
+    arguments.insert(arguments.end(), mode.begin(), mode.end());
+    arguments.insert(arguments.end(), files.begin(), files.end());
+    program_result result = run_program(arguments);
     EXPECT_EQ(result.code, code) << result.err;
     return parse_table(result.out);
 }
@@ -28,29 +40,34 @@ void expect_counts(const std::string &name, const std::string &bytes, int code, 
     SCOPED_TRACE(name);
     std::string path = scratch_directory() + "/" + name;
     write_file(path, bytes);
-    table_row row = replay({path}, code)[name];
-    EXPECT_FALSE(row.empty());
-    for (const auto &[column, value] : row) {
-        auto found = expected.find(column);
-        std::string want = found != expected.end() ? found->second : column == "status" ? "ok" : "0";
-        if (column.rfind("whole", 0) == 0 && found == expected.end()) continue;
-        if (column.find("_bytes") != std::string::npos && found == expected.end()) continue;
-        EXPECT_EQ(value, want) << column;
+    for (const strings &mode : {kModes[0], kModes[1]}) {
+        table_row row = replay({path}, code, mode)[name];
+        EXPECT_FALSE(row.empty());
+        for (const auto &[column, value] : row) {
+            auto found = expected.find(column);
+            std::string want = found != expected.end() ? found->second : column == "status" ? "ok" : "0";
+            if (column.rfind("whole", 0) == 0 && found == expected.end()) continue;
+            if (column.find("_bytes") != std::string::npos && found == expected.end()) continue;
+            EXPECT_EQ(value, want) << column << ", " << testing::PrintToString(mode);
+        }
     }
 }
 
 void expect_oracle(const std::string &directory) {
     std::map<std::string, table_row> oracle = parse_table(read_file(directory + "/oracle.tsv"));
     ASSERT_FALSE(oracle.empty());
-    std::vector<std::string> files;
+    strings files;
     for (const auto &[name, row] : oracle)
         files.push_back(directory + "/" + name);
-    std::map<std::string, table_row> rows = replay(files, 1);
-    EXPECT_EQ(rows.size(), oracle.size());
-    for (const auto &[name, expected] : oracle) {
-        for (const auto &[column, value] : expected) {
-            if (column.rfind("whole", 0) == 0) continue;
-            EXPECT_EQ(rows[name][column], value) << name << ", " << column;
+    for (const strings &mode : kModes) {
+        std::map<std::string, table_row> rows = replay(files, 1, mode);
+        EXPECT_EQ(rows.size(), oracle.size());
+        for (const auto &[name, expected] : oracle) {
+            for (const auto &[column, value] : expected) {
+                if (column.rfind("whole", 0) == 0) continue;
+                EXPECT_EQ(rows[name][column], value)
+                    << name << ", " << column << ", " << testing::PrintToString(mode);
+            }
         }
     }
 }
@@ -191,10 +208,61 @@ TEST(replay, tells_how_a_bad_file_ended) {
     EXPECT_EQ(rows["good"]["arp"], "2");
 }
 
+TEST(replay, counts_every_round_and_every_drop) {
+    const std::string sample = kSamples + "/nano.pcap";
+    table_row once = replay({sample}, 0)["nano.pcap"];
+    table_row often = replay({"--repeat", "40", sample}, 0)["nano.pcap"];
+    for (const char *column : {"frames", "cap_bytes", "ipv4", "icmp_good", "tcp_good", "udp_good"})
+        EXPECT_EQ(std::stoul(often[column]), 40 * std::stoul(once[column])) << column;
+
+    for (const strings &mode : {strings{"--drop"}, strings{"--drop", "--interrupt"}}) {
+        table_row row = replay({"--repeat", "200", sample}, 0, mode)["nano.pcap"];
+        auto count = [&](const char *column) { return std::stoul(row[column]); };
+        EXPECT_EQ(count("frames"), 200 * std::stoul(once["frames"]));
+        EXPECT_EQ(count("frames"),
+                  count("dropped") + count("arp") + count("ipv4") + count("ipv6") + count("other"));
+        EXPECT_EQ(count("ipv4"), count("ip_good"));
+    }
+
+    // At a tenth of a second's worth of frames, the tenth of a second has to pass.
+    std::string json = run_program({"replay", "--json", "--rate", "720", sample}).out;
+    size_t seconds = json.find("\"seconds\": ");
+    ASSERT_NE(seconds, std::string::npos) << json;
+    EXPECT_GE(std::stod(json.substr(seconds + 11)), 71.0 / 720);
+}
+
+TEST(replay, ends_in_order_when_it_is_told_to) {
+    const std::string frame = ethernet(0x0806, std::string(46, '\0'));
+    const std::string bytes = pcap_file({pcap_record(frame), pcap_record(frame)});
+    const std::string path = scratch_directory() + "/pipe";
+    ASSERT_EQ(mkfifo(path.c_str(), 0600), 0);
+    for (int signal : {SIGINT, SIGTERM}) {
+        for (const strings &mode : {kModes[0], kModes[1]}) {
+            strings arguments = {"replay", "--tsv", path};
+            arguments.insert(arguments.end(), mode.begin(), mode.end());
+            pid_t child = start_program(arguments);
+            // Two frames, and then nothing comes any more.
+            int pipe = open(path.c_str(), O_WRONLY);
+            ASSERT_EQ(write(pipe, bytes.data(), bytes.size()), static_cast<ssize_t>(bytes.size()));
+            for (int left = 1; left != 0; usleep(1000))
+                ioctl(pipe, FIONREAD, &left);
+            usleep(50'000);
+            kill(child, signal);
+            program_result result = finish_program(child);
+            close(pipe);
+            EXPECT_EQ(result.code, 0) << result.err;
+            table_row row = parse_table(result.out)["pipe"];
+            EXPECT_EQ(row["status"], "stopped");
+            EXPECT_EQ(row["frames"], "2");
+            EXPECT_EQ(row["arp"], "2");
+        }
+    }
+}
+
 TEST(replay, answers_a_wrong_command_line_with_its_usage) {
     const std::string sample = kSamples + "/padded.pcap";
     struct {
-        std::vector<std::string> arguments;
+        strings arguments;
         int code;
         const char *out, *err;
     } cases[] = {
@@ -205,6 +273,9 @@ TEST(replay, answers_a_wrong_command_line_with_its_usage) {
         {{"replay"}, 2, "", "no file named"},
         {{"replay", "--tsv", "--json", sample}, 2, "", "exclude each other"},
         {{"replay", "--loud", sample}, 2, "", "--loud"},
+        {{"replay", "--rate", "0", sample}, 2, "", "0 is no number from 1 up"},
+        {{"replay", "--repeat", "2x", sample}, 2, "", "2x is no number"},
+        {{"replay", "--repeat", "2", "-"}, 2, "", "standard input"},
         {{"replay", sample, "--modules"}, 2, "", "--modules needs a value"},
         {{"replay", "--modules", scratch_directory(), sample}, 3, "", "network/zarn_util"},
         {{"replay", sample}, 0, "still out", ""},
@@ -222,15 +293,17 @@ TEST(replay, answers_a_wrong_command_line_with_its_usage) {
 
 // Whatever the bytes are, the program ends in order: nothing crashes and nothing stays out.
 TEST(replay, survives_mutated_captures) {
-    std::vector<std::string> seeds;
+    strings seeds;
     for (const auto &entry : std::filesystem::directory_iterator(kSamples)) {
         if (entry.path().extension() != ".tsv") seeds.push_back(entry.path());
     }
     std::sort(seeds.begin(), seeds.end());
     std::mt19937 random(20);
     auto below = [&](size_t limit) { return static_cast<size_t>(random()) % limit; };
+    const strings modes[] = {{}, {"--interrupt"}, {"--drop"}, {"--interrupt", "--drop"}, {"--repeat", "2"}};
     for (int round = 0; round < 5; round++) {
-        std::vector<std::string> arguments = {"replay", "--tsv"};
+        strings arguments = {"replay", "--tsv"};
+        arguments.insert(arguments.end(), modes[round].begin(), modes[round].end());
         for (size_t i = 0; i < 40; i++) {
             std::string bytes = read_file(seeds[below(seeds.size())]);
             // Spoils frames more often than the records around them: a spoilt record ends the file.

@@ -1,0 +1,17 @@
+// SPDX-License-Identifier: MIT
+//
+// SIGINT and SIGTERM ask the program to end in order; whoever asks a second time ends it at once.
+
+#ifndef ZARN_HOST_STOP_SIGNALS_H
+#define ZARN_HOST_STOP_SIGNALS_H
+
+// Before the first thread is made: the signals are held back from this thread and from those that it makes.
+void block_stop_signals();
+
+// Lets the calling thread, and no other, take the signals. They end its interruptible waits.
+void accept_stop_signals();
+
+// Whether one has come.
+bool stop_requested();
+
+#endif
