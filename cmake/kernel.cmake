@@ -11,7 +11,7 @@ foreach(width 64 32)
     set_target_properties(${objects} PROPERTIES POSITION_INDEPENDENT_CODE OFF)
     target_include_directories(${objects} PRIVATE ${PROJECT_SOURCE_DIR} ${PROJECT_SOURCE_DIR}/include)
     target_compile_options(${objects} PRIVATE -m${width} -ffreestanding -mgeneral-regs-only -fno-stack-protector
-        -fno-pic -Wall -Wextra -Wshadow -Werror $<IF:$<EQUAL:${width},32>,-march=i686,-mno-red-zone>)
+        -fno-pic -Wall -Wextra -Wshadow -Werror $<IF:$<EQUAL:${width},32>,-march=i686,-mcx16$<SEMICOLON>-mno-red-zone>)
 
     set(linked ${PROJECT_BINARY_DIR}/zarn_util.${width}.o)
     add_custom_command(OUTPUT ${linked} DEPENDS ${objects} $<TARGET_OBJECTS:${objects}>

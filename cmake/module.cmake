@@ -14,8 +14,4 @@ function(zarn_module_options target)
     target_compile_options(${target} PRIVATE
         -fno-exceptions -fno-rtti -fno-threadsafe-statics -fno-asynchronous-unwind-tables
         -fvisibility=hidden -fvisibility-inlines-hidden -Wpedantic -Wconversion -Wno-sign-conversion)
-    if(CMAKE_SYSTEM_PROCESSOR MATCHES "x86_64|AMD64")
-        # The pair of head and generation is exchanged by one 16-byte instruction on LP64.
-        target_compile_options(${target} PRIVATE $<$<EQUAL:${CMAKE_SIZEOF_VOID_P},8>:-mcx16>)
-    endif()
 endfunction()

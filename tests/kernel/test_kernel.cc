@@ -146,7 +146,7 @@ thread_local int32_t tSelf = 0;
 thread_local int32_t tGeneration = -1;
 thread_local int32_t tInterruptLevel = 0;
 
-std::string quoted(const std::string &text) {
+std::string in_quotes(const std::string &text) {
     return '"' + text + '"';
 }
 
@@ -172,26 +172,26 @@ const char *state_name(const thread &t) {
 std::string what_is_left() {
     std::ostringstream out;
     for (auto &[id, t] : k().threads) {
-        if (!t.own) out << "thread " << id << ' ' << quoted(t.name) << ' ' << state_name(t) << '\n';
+        if (!t.own) out << "thread " << id << ' ' << in_quotes(t.name) << ' ' << state_name(t) << '\n';
     }
     for (auto &[id, sem] : k().sems) {
-        out << "semaphore " << id << ' ' << quoted(sem.name) << " count " << sem.count << " waiters "
+        out << "semaphore " << id << ' ' << in_quotes(sem.name) << " count " << sem.count << " waiters "
             << sem.line.size() << '\n';
     }
     for (auto &[id, r] : k().regions)
-        out << "region " << id << ' ' << quoted(r.name) << '\n';
+        out << "region " << id << ' ' << in_quotes(r.name) << '\n';
     for (auto &[block, size] : k().heap)
         out << "heap block " << block << " of " << size << " bytes\n";
     for (auto &[path, module] : k().modules) {
         if (module.references != 0)
-            out << "module " << quoted(path) << " references " << module.references << '\n';
+            out << "module " << in_quotes(path) << " references " << module.references << '\n';
     }
     for (auto &[handle, unused] : k().handles)
         out << "settings handle " << handle << '\n';
     for (auto &[address, length] : k().wired)
         out << "wired range " << address << " of " << length << " bytes\n";
     for (auto &[name, unused] : k().commands)
-        out << "debugger command " << quoted(name) << '\n';
+        out << "debugger command " << in_quotes(name) << '\n';
     return out.str();
 }
 
@@ -256,7 +256,7 @@ void enter(lock &held, const char *call, int32_t id, const std::string &name, le
         k().changed.wait(held, [] { return false; });
     }
     if (tInterruptLevel > 0 && allowed == kThreadLevel) {
-        k().violations.push_back(line(call, quoted(name), "at interrupt level"));
+        k().violations.push_back(line(call, in_quotes(name), "at interrupt level"));
     }
     for (auto p : k().points) {
         if (p->taken || p->setter == self() || p->call != call) continue;
@@ -268,7 +268,8 @@ void enter(lock &held, const char *call, int32_t id, const std::string &name, le
         break;
     }
     if (write_down)
-        k().journal.push_back(details.empty() ? line(call, quoted(name)) : line(call, quoted(name), details));
+        k().journal.push_back(details.empty() ? line(call, in_quotes(name))
+                                              : line(call, in_quotes(name), details));
 }
 
 // Whether this call is one that has to fail.
@@ -371,7 +372,7 @@ int32_t acquire(int32_t id, int32_t units, uint32_t flags, int64_t timeout) {
     if (limited && timeout <= 0) return kTimedOut;
     waiter me{units, flags, limited ? k().time + timeout : KERN_TIMEOUT_FOREVER};
     sem.line.push_back(&me);
-    block(held, "semaphore " + quoted(sem.name), thread::kBlocked, [&me] { return me.done; });
+    block(held, "semaphore " + in_quotes(sem.name), thread::kBlocked, [&me] { return me.done; });
     return me.result;
 }
 
@@ -574,7 +575,7 @@ running_clock::~running_clock() {
 
 void wait_until_asleep(const char *name) {
     lock held(k().mutex);
-    wait_patiently(held, line("the sleep of", quoted(name)), [name] {
+    wait_patiently(held, line("the sleep of", in_quotes(name)), [name] {
         for (auto &[id, t] : k().threads) {
             if (t.name == name && t.state == thread::kAsleep) return true;
         }
@@ -584,7 +585,7 @@ void wait_until_asleep(const char *name) {
 
 void wait_until_gone(const char *name) {
     lock held(k().mutex);
-    wait_patiently(held, line("the end of", quoted(name)), [name] {
+    wait_patiently(held, line("the end of", in_quotes(name)), [name] {
         for (auto &[id, t] : k().threads) {
             if (t.name == name) return false;
         }
@@ -644,7 +645,7 @@ int32_t sem_waiters(object which) {
 
 void wait_until_blocked(object which, int32_t threads) {
     lock held(k().mutex);
-    wait_patiently(held, line(threads, "waiters of semaphore", which.id, quoted(which.name)), [&] {
+    wait_patiently(held, line(threads, "waiters of semaphore", which.id, in_quotes(which.name)), [&] {
         const semaphore *sem = look_up(which);
         return sem != nullptr && static_cast<int32_t>(sem->line.size()) >= threads;
     });
@@ -1073,7 +1074,7 @@ int32_t kern_module_release(const char *path) {
     enter(held, "module_release", -1, path, kThreadLevel);
     auto found = k().modules.find(path);
     if (found == k().modules.end() || found->second.references == 0) {
-        k().violations.push_back(line("module_release of", quoted(path), "which nobody holds"));
+        k().violations.push_back(line("module_release of", in_quotes(path), "which nobody holds"));
         return -1;
     }
     found->second.references--;
