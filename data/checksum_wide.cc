@@ -30,7 +30,8 @@ constexpr uint64_t kLaneBias = 0x10000;
 // hold everything.
 constexpr uint32_t kMaxPasses = (1u << 31) / (4 * kLaneBias);
 
-// A run this long is worth a first step to the boundary of a vector; a shorter one is read at any address.
+// A run this long is worth a first step to the boundary of a vector: of the source, or where a copy is made of
+// the target, whose crossings of cache lines cost more. A shorter run is taken as it lies.
 constexpr uint32_t kAlignLength = 2048;
 
 uint64_t sum_lanes(__m128i lanes) {
@@ -107,7 +108,7 @@ uint32_t sum_wide(const uint8_t *from, uint8_t *to, uint32_t length) {
     uint32_t head = 0;
     uint32_t head_sum = 0;
     if (length >= kAlignLength) {
-        head = -reinterpret_cast<uintptr_t>(from) & (form::kVector - 1);
+        head = -reinterpret_cast<uintptr_t>(kCopy ? to : from) & (form::kVector - 1);
         head_sum = fold(sum_run<kCopy>(from, to, head));
         from += head;
         to = ahead<kCopy>(to, head);

@@ -119,11 +119,7 @@ void add_pause() {
         "mutex_list", [] { return gList.take(); }, [](void *block) { gList.put(block); });
     add_pause<64>();
     add_pause<0>();
-    add_pause<1>();
-    add_pause<8>();
     add_pause<16>();
-    add_pause<32>();
-    add_pause<128>();
     add_pause<256>();
     return true;
 }();
