@@ -35,12 +35,16 @@ inline void init_atomic_stack(atomic_stack_t *stack) {
 }
 
 // A lost exchange means that another caller made progress; pausing lets it finish instead of fighting for the
-// cache line. The pauses grow from 1 to 64, so that even at interrupt level the wait between two tries is
-// bounded.
+// cache line. The pauses grow between two bounds, so that even at interrupt level the wait between two tries
+// is bounded. docs/performance.md has what was measured: fewer than these to begin with leave two callers that
+// take turns in each other's way.
+constexpr uint32_t kFirstPauses = 16;
+constexpr uint32_t kLongestPauses = 64;
+
 inline void pause_after_lost_exchange(uint32_t *pauses) {
     for (uint32_t i = 0; i < *pauses; ++i)
         pause_processor();
-    if (*pauses < 64) *pauses *= 2;
+    if (*pauses < kLongestPauses) *pauses *= 2;
 }
 
 // Generation first, then head: when the exchange finds the generation unchanged, the head and whatever was
@@ -56,7 +60,7 @@ inline tagged_pointer read_stack_top(const atomic_stack_t *stack) {
 // Takes the top node off. On an empty stack the result is the address of `sentinel`: its link is itself, so
 // that the exchange writes it back and no branch is needed.
 inline void *atomic_pop(atomic_stack_t *stack) {
-    for (uint32_t pauses = 1;; pause_after_lost_exchange(&pauses)) {
+    for (uint32_t pauses = kFirstPauses;; pause_after_lost_exchange(&pauses)) {
         tagged_pointer top = read_stack_top(stack);
         // The node may be taken, used and pushed again by others right now. Then this link is stale, but the
         // generation has moved on and the exchange fails.
@@ -67,7 +71,7 @@ inline void *atomic_pop(atomic_stack_t *stack) {
 
 // Puts `node` on top; overwrites its first word.
 inline void atomic_push(atomic_stack_t *stack, void *node) {
-    for (uint32_t pauses = 1;; pause_after_lost_exchange(&pauses)) {
+    for (uint32_t pauses = kFirstPauses;; pause_after_lost_exchange(&pauses)) {
         tagged_pointer top = read_stack_top(stack);
         // Atomic only for a pop that still reads the link of this node from before it was taken. The exchange
         // orders it.

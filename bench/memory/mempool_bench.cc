@@ -65,46 +65,56 @@ void add_pair(const std::string &variant, take_block take, put_block put) {
         ->UseRealTime();
 }
 
-// The same pair with another longest pause behind a lost exchange; 0 is none.
+// The pair with other pauses behind a lost exchange; from 0 is none.
 template <uint32_t kLongest>
+void wait(uint32_t *pauses) {
+    for (uint32_t i = 0; i < *pauses; ++i)
+        pause_processor();
+    if (*pauses < kLongest) *pauses *= 2;
+}
+
+template <uint32_t kFirst, uint32_t kLongest>
 void *pop(atomic_stack_t *stack) {
-    for (uint32_t pauses = 1;;) {
+    for (uint32_t pauses = kFirst;; wait<kLongest>(&pauses)) {
         tagged_pointer top = read_stack_top(stack);
         void *next = __atomic_load_n(static_cast<stack_link *>(top.pointer), __ATOMIC_RELAXED);
         if (compare_exchange_tagged(&stack->top, top, {next, top.generation + 1})) return top.pointer;
-        if constexpr (kLongest > 0) {
-            for (uint32_t i = 0; i < pauses; ++i)
-                pause_processor();
-            if (pauses < kLongest) pauses *= 2;
-        }
     }
 }
 
-template <uint32_t kLongest>
+template <uint32_t kFirst, uint32_t kLongest>
 void push(atomic_stack_t *stack, void *node) {
-    for (uint32_t pauses = 1;;) {
+    for (uint32_t pauses = kFirst;; wait<kLongest>(&pauses)) {
         tagged_pointer top = read_stack_top(stack);
         __atomic_store_n(static_cast<stack_link *>(node), top.pointer, __ATOMIC_RELAXED);
         if (compare_exchange_tagged(&stack->top, top, {node, top.generation + 1})) return;
-        if constexpr (kLongest > 0) {
-            for (uint32_t i = 0; i < pauses; ++i)
-                pause_processor();
-            if (pauses < kLongest) pauses *= 2;
-        }
     }
 }
 
-template <uint32_t kLongest>
-void add_pause() {
-    add_benchmark("stack_pair_with_pauses_up_to/" + std::to_string(kLongest),
-                  [](benchmark::State &state) {
-                      atomic_stack_t *stack = &client_pool()->free_stack;
-                      for (auto _ : state)
-                          push<kLongest>(stack, pop<kLongest>(stack));
-                  })
-        ->Threads(1)
-        ->Threads(2)
-        ->UseRealTime();
+// Two callers that do nothing else soon run in bursts; with a little work in between they take turns, which
+// is the harder case.
+template <uint32_t kFirst, uint32_t kLongest>
+void add_pauses() {
+    for (uint32_t work : {0u, 50u}) {
+        std::string name = "pauses/" + std::string(work > 0 ? "with_work" : "back_to_back") + "/from_" +
+                           std::to_string(kFirst) + "_to_" + std::to_string(kLongest);
+        add_benchmark(name,
+                      [work](benchmark::State &state) {
+                          auto spin = [work] {
+                              for (uint32_t i = 0; i < work; ++i)
+                                  hide(i);
+                          };
+                          atomic_stack_t *stack = &client_pool()->free_stack;
+                          for (auto _ : state) {
+                              void *node = pop<kFirst, kLongest>(stack);
+                              spin();
+                              push<kFirst, kLongest>(stack, node);
+                              spin();
+                          }
+                      })
+            ->Threads(2)
+            ->UseRealTime();
+    }
 }
 
 [[maybe_unused]] const bool gAdded = [] {
@@ -117,10 +127,12 @@ void add_pause() {
         "malloc", [] { return std::malloc(kBlock); }, [](void *block) { std::free(block); });
     add_pair(
         "mutex_list", [] { return gList.take(); }, [](void *block) { gList.put(block); });
-    add_pause<64>();
-    add_pause<0>();
-    add_pause<16>();
-    add_pause<256>();
+    add_pauses<kFirstPauses, kLongestPauses>();
+    add_pauses<0, 0>();
+    add_pauses<1, 64>();
+    add_pauses<8, 64>();
+    add_pauses<64, 64>();
+    add_pauses<16, 256>();
     return true;
 }();
 
