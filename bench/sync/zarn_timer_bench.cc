@@ -51,6 +51,7 @@ struct firing {
 
 class wheel {
  public:
+    static constexpr bool kOwnThread = true;
     using timer = zarn_timer_t *;
     timer create(firing *f) {
         return util->create_zarn_timer([](zarn_timer_t *, void *arg) { static_cast<firing *>(arg)->fired(); },
@@ -67,6 +68,7 @@ class wheel {
 
 class multimap_queue {
  public:
+    static constexpr bool kOwnThread = false;
     struct entry;
     using map = std::multimap<int64_t, entry *>;
     struct entry {
@@ -112,6 +114,7 @@ class multimap_queue {
 
 class heap_queue {
  public:
+    static constexpr bool kOwnThread = false;
     struct entry {
         firing *f;
         int64_t appt = 0;
@@ -230,7 +233,7 @@ void fire(benchmark::State &state) {
         const int64_t due = kern_time_us() + 150'000;
         for (auto t : all.timers)
             all.q.arm(t, due - kern_time_us());
-        if (kern_time_us() >= due) state.SkipWithError("arming took too long");
+        if (queue::kOwnThread && kern_time_us() >= due) state.SkipWithError("arming took too long");
         all.q.run(f);
         state.SetIterationTime(std::chrono::duration<double>(f.last - f.first).count());
     }
