@@ -5,6 +5,8 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/check.h"
+#include "host/conf.h"
 #include "host/exit_codes.h"
 #include "host/replay.h"
 
@@ -18,6 +20,8 @@ struct command {
 
 constexpr command kCommands[] = {
     {"replay", run_replay, "run captured frames through the modules and count what is in them"},
+    {"conf", run_conf, "check a settings file and print what the modules make of it"},
+    {"check", run_check, "look at protocol modules without running them"},
 };
 
 void print_usage(FILE *stream) {

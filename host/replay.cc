@@ -8,7 +8,6 @@
 #include <cinttypes>
 #include <cstdio>
 #include <cstring>
-#include <filesystem>
 #include <string>
 #include <vector>
 
@@ -17,6 +16,7 @@
 #include "host/heap_meter.h"
 #include "host/kernel_log.h"
 #include "host/pipeline.h"
+#include "host/places.h"
 #include "host/progress.h"
 #include "host/protocol_stack.h"
 #include "host/report.h"
@@ -59,12 +59,6 @@ struct replay_options {
     bool log = false;
     std::vector<const char *> files;
 };
-
-std::string default_module_directory() {
-    std::error_code error;
-    std::filesystem::path program = std::filesystem::read_symlink("/proc/self/exe", error);
-    return (program.parent_path() / "modules").string();
-}
 
 int usage_error(const std::string &what) {
     fprintf(stderr, "zarn replay: %s; try 'zarn replay --help'\n", what.c_str());
