@@ -24,6 +24,8 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t *data, size_t size);
 
 namespace {
 
+constexpr size_t kLongest = 1 << 16;
+
 std::string gInput;
 
 void run(const std::string &input) {
@@ -100,7 +102,7 @@ std::string mutate(std::string text, const std::vector<std::string> &corpus,
             }
         }
     }
-    if (text.size() > 4096) text.resize(4096);
+    if (text.size() > kLongest) text.resize(kLongest);
     return text;
 }
 
@@ -127,8 +129,10 @@ int main(int argc, char **argv) {
         fprintf(stderr, "no inputs in %s or no words in %s\n", argv[1], argv[2]);
         return 2;
     }
-    for (const std::string &input : corpus)
+    for (std::string &input : corpus) {
         run(input);
+        if (input.size() > kLongest) input.resize(kLongest);
+    }
     const unsigned long count = strtoul(argv[3], nullptr, 10);
     std::mt19937 random(argc > 4 ? static_cast<uint32_t>(strtoul(argv[4], nullptr, 10)) : 1);
     for (unsigned long i = 0; i < count; ++i)
