@@ -8,7 +8,7 @@
 #include <cstdlib>
 #include <cstring>
 
-#include "tests/kernel/test_kernel.h"
+#include "platform/testing/test_kernel.h"
 #include "tests/support/background.h"
 #include "tests/support/fixture.h"
 

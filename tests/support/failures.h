@@ -7,7 +7,7 @@
 
 #include <gtest/gtest.h>
 
-#include "tests/kernel/test_kernel.h"
+#include "platform/testing/test_kernel.h"
 
 // Runs `scenario` with its first call that may fail failing, then with its second, and so on until it meets
 // no refusal. The scenario looks at the promised status itself; `test_kernel::refusals` is not 0 when

@@ -12,7 +12,7 @@
 #include <gtest/gtest.h>
 
 #include "module/allocator.h"
-#include "tests/kernel/test_kernel.h"
+#include "platform/testing/test_kernel.h"
 #include "tests/support/pools.h"
 
 // A kernel and no service. The allocator has no pools and goes to the heap.

@@ -5,7 +5,7 @@
 #include <sstream>
 
 #include "module/allocator.h"
-#include "tests/kernel/test_kernel.h"
+#include "platform/testing/test_kernel.h"
 
 const char *mempool_fault(const mempool_t *pool, int32_t count) {
     const mp_descriptor *descriptors = const_cast<mempool_t *>(pool)->descriptors();

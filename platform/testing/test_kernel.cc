@@ -5,7 +5,7 @@
 // heap: standard containers take their memory from operator new, which calls the C library inside its own
 // shared object.
 
-#include "tests/kernel/test_kernel.h"
+#include "platform/testing/test_kernel.h"
 
 #include <algorithm>
 #include <condition_variable>

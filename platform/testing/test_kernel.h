@@ -1,7 +1,10 @@
 // SPDX-License-Identifier: MIT
 //
-// The tests' own kernel: everything of platform/kern.h and the heap, behind the module's objects linked
-// statically.
+// A kernel for tests: everything of platform/kern.h and the heap, behind a module whose objects are linked
+// statically. It stands behind the tests of this module, and serves a test of a protocol module as well.
+//
+// The program is linked with -Wl,--wrap=malloc,--wrap=calloc,--wrap=free,--wrap=strdup, so that the heap as the
+// module sees it goes through this kernel, which can refuse it and counts what is out.
 //
 // - Time stands still until a test advances it. A thread that sleeps, or waits with a time limit, does so
 //   on this clock.
@@ -15,8 +18,8 @@
 // A test that waits for something which doesn't come stops the program after 20 seconds and prints where
 // everybody is. Any thread may call anything here, except that `reset` wants the module's threads gone.
 
-#ifndef ZARN_TESTS_KERNEL_TEST_KERNEL_H
-#define ZARN_TESTS_KERNEL_TEST_KERNEL_H
+#ifndef ZARN_PLATFORM_TESTING_TEST_KERNEL_H
+#define ZARN_PLATFORM_TESTING_TEST_KERNEL_H
 
 #include <cstddef>
 #include <cstdint>
