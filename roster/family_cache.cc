@@ -111,10 +111,11 @@ static bool module_count_fits(uint32_t type, int32_t count) {
 }
 
 // Caches the stack of one entry.
-// ERR_BAD_VALUE    the name is no number, or the section can't have that many modules
-// ERR_DUPLICATE    the family has a stack that compares equal
-// ERR_NO_MEMORY    out of memory
-// -1               the skip list refuses
+//
+//     ERR_BAD_VALUE    the name is no number, or the section can't have that many modules
+//     ERR_DUPLICATE    the family has a stack that compares equal
+//     ERR_NO_MEMORY    out of memory
+//     -1               the skip list refuses
 static int32_t parse_line(uint32_t type, uint32_t key1, family_cache *cache, skiplist *names,
                           const settings_parameter *entry) {
     int32_t status = ERR_NO_MEMORY;

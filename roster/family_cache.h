@@ -9,12 +9,11 @@
 //                          +--> copied_name ---> "alpha"   (one copy per family, however many stacks name it)
 //                          +--> copied_name ---> "gamma"
 //
-// - Everything here is guarded by the roster's lock, `gFamCacheLock`; it is held across all functions of this
-// file.
+// - Everything here is guarded by the roster's lock, `gFamCacheLock`; it is held across all functions of
+//   this file.
 // - A family owns copies of all that it keeps: the settings are closed again before it is used.
 // - The skip lists give items to their free functions and don't touch them afterwards, so a record's own
-// memory is the
-//   last thing that its free function releases.
+//   memory is the last thing that its free function releases.
 // - Modules are acquired by the lookup (roster/zarn_roster.cc) and released when their family goes.
 
 #ifndef ZARN_ROSTER_FAMILY_CACHE_H
@@ -90,8 +89,11 @@ int32_t free_family_cache(void *cache);
 
 // Reads the section of `family`, which must not be cached, and stores the new record of `gFamilyCaches` in
 // `*out`, with no reference and no stack loaded. Bad entries cost only themselves. On failure `*out` is
-// untouched and nothing is left: ERR_NO_FAMILY    the settings have no section for the family ERR_NO_MEMORY
-// out of memory -1               no settings file, or a skip list that refuses
+// untouched and nothing is left:
+//
+//     ERR_NO_FAMILY    the settings have no section for the family
+//     ERR_NO_MEMORY    out of memory
+//     -1               no settings file, or a skip list that refuses
 int32_t cache_family(uint32_t family, family_cache **out);
 
 // Where a stack's module tables are stored: `module_count` slots.

@@ -3,13 +3,11 @@
 // The roster: which protocol modules make up the stack of an address family, in one direction, for two keys.
 //
 // - A family is read from the settings at its first lookup, a stack's modules are acquired at the stack's
-// first lookup,
-//   and both stay until the family's last reference goes. Then the whole family goes, and its settings are
-//   read anew at the next lookup.
+//   first lookup, and both stay until the family's last reference goes. Then the whole family goes, and its
+//   settings are read anew at the next lookup.
 // - One lock, taken by every operation, is held through settings, module loads and module releases. It isn't
-// recursive:
-//   a module's start and stop routines must not call the roster. It may be taken with an endpoint's lock
-//   held.
+//   recursive: a module's start and stop routines must not call the roster. It may be taken with an
+//   endpoint's lock held.
 // - May block: thread level only.
 //
 // The four operations between are those of the table: see include/zarn/zarn_util.h.

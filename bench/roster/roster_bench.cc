@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// A lookup in a cached family, alone and with a second thread, beside a map of stacks under a mutex; an endpoint made
-// and deleted, and a child from its spawning to its accepting, beside the heap calls that either cannot do without.
+// A lookup in a cached family, alone and with a second thread, beside a map of stacks under a mutex; an
+// endpoint made and deleted, and a child from its spawning to its accepting, beside the heap calls that
+// either cannot do without.
 
 #include <cstdlib>
 #include <map>

@@ -4,16 +4,13 @@
 // are inline over the lock operations of the table, because the table itself has no operation for this.
 //
 // - A hook runs on the thread that raises the event, with the lock held of the endpoint whose list it stands
-// on: the
-//   endpoint's own in `ep_notify_endpoint`, the listener's in `ep_ready_endpoint`. It must not call any
-//   operation on that endpoint, these two included; it may wake a thread that does. It should be short.
+//   on: the endpoint's own in `ep_notify_endpoint`, the listener's in `ep_ready_endpoint`. It must not call
+//   any operation on that endpoint, these two included; it may wake a thread that does. It should be short.
 // - Hooks of one list run in the order in which they were added.
 // - The record belongs to whoever adds it, and lies still while it is on a list. A hook with `one_shot` set
-// comes
-//   from the table's allocator: it is taken off the list and given to `zarn_free` after its call.
+//   comes from the table's allocator: it is taken off the list and given to `zarn_free` after its call.
 // - Whoever adds a hook that is not one-shot removes it before the endpoint is deleted; deleting an endpoint
-// neither
-//   calls nor releases what is on its lists.
+//   neither calls nor releases what is on its lists.
 
 #ifndef ZARN_ENDPOINT_HOOKS_H
 #define ZARN_ENDPOINT_HOOKS_H
@@ -25,9 +22,10 @@ extern "C" {
 #endif
 
 // Links `hook` at the end of the list of `event`, under the endpoint's lock. May block: thread level only.
-// ERR_BAD_VALUE    no such event, a hook without a function, or a hook that is on this list already
-// else negative    the lock can't be had
-// On failure nothing has changed.
+// On failure nothing has changed:
+//
+//     ERR_BAD_VALUE    no such event, a hook without a function, or a hook that is on this list already
+//     else negative    the lock can't be had
 static inline int32_t ep_add_hook(const zarn_util_module_t *util, zarn_endpoint_t *ep, uint32_t event,
                                   ep_hook *hook) {
     ep_hook **link;
@@ -47,10 +45,12 @@ static inline int32_t ep_add_hook(const zarn_util_module_t *util, zarn_endpoint_
     return status;
 }
 
-// Takes `hook` off the list of `event`, under the endpoint's lock. Once it has returned the hook doesn't run
-// and won't, and the record is the caller's again. May block: thread level only. ERR_BAD_VALUE    no such
-// event, or the hook is not on that list: a one-shot hook that has run is gone already else negative    the
-// lock can't be had
+// Takes `hook` off the list of `event`, under the endpoint's lock. Once it has returned 0 the hook doesn't run
+// and won't, and the record is the caller's again. May block: thread level only. On failure nothing has
+// changed:
+//
+//     ERR_BAD_VALUE    no such event, or not on that list: a one-shot hook that has run is gone already
+//     else negative    the lock can't be had
 static inline int32_t ep_remove_hook(const zarn_util_module_t *util, zarn_endpoint_t *ep, uint32_t event,
                                      ep_hook *hook) {
     ep_hook **link;

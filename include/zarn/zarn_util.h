@@ -318,12 +318,14 @@ typedef struct zarn_util_module_t {
 
     // Finds the stack (key1, key2) of the family, among "dl" with `dl` not 0 and among "out" otherwise. On 0
     // the caller holds a new reference on the family, to be given back with `release_family_ref`; `*tables`
-    // is the array of
-    // `*count` module records in the order of the settings, good as long as that reference stands. key2 -1
-    // takes any stack under key1. On failure nothing is stored and no reference taken: ERR_BAD_VALUE `tables`
-    // or `count` is null ERR_NO_FAMILY    the settings have no section for the family ERR_NO_STACK     the
-    // family has no such stack ERR_NO_MEMORY    out of memory while the family was read -1               no
-    // settings file, a module that can't be loaded, or the lock can't be had
+    // is the array of `*count` module records in the order of the settings, good as long as that reference
+    // stands. key2 -1 takes any stack under key1. On failure nothing is stored and no reference taken:
+    //
+    //     ERR_BAD_VALUE    `tables` or `count` is null
+    //     ERR_NO_FAMILY    the settings have no section for the family
+    //     ERR_NO_STACK     the family has no such stack
+    //     ERR_NO_MEMORY    out of memory while the family was read
+    //     -1               no settings file, a module that can't be loaded, or the lock can't be had
     int32_t (*get_outbound_protos)(uint8_t dl, int32_t family, int32_t key1, int32_t key2, void ***tables,
                                    int32_t *count);
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Protocol modules that write down what happens to them, settings in one line, and the roster started and stopped
-// around each test.
+// Protocol modules that write down what happens to them, settings in one line, and the roster started and
+// stopped around each test.
 
 #ifndef ZARN_TESTS_ROSTER_ROSTER_FIXTURE_H
 #define ZARN_TESTS_ROSTER_ROSTER_FIXTURE_H

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Storms on the roster and on listeners, with modules that are really loaded and unloaded. The number of rounds is
-// ZARN_TEST_ROUNDS, small by default.
+// Storms on the roster and on listeners, with modules that are really loaded and unloaded. The number of
+// rounds is ZARN_TEST_ROUNDS, small by default.
 
 #include "roster/zarn_roster.h"
 
@@ -57,7 +57,8 @@ TEST_F(roster_stress, threads_that_look_up_release_and_drop_one_family) {
             void **tables;
             void *inbound = nullptr;
             int32_t modules;
-            // Held by nobody or by another thread: either answer is right, and the table is no use without a reference.
+            // Held by nobody or by another thread: either answer is right, and the table is no use without a
+            // reference.
             const int32_t status = get_inbound_proto(kFamily, 6, &inbound);
             EXPECT_EQ(status, inbound == nullptr ? -1 : 0);
 
@@ -83,8 +84,8 @@ TEST_F(roster_stress, threads_that_look_up_release_and_drop_one_family) {
     EXPECT_EQ(release_family_ref(kFamily), -1);
 }
 
-// A backlog that falls deletes pending children, so nobody may be about to make one ready meanwhile: `spawning` is that
-// rule. Accepting needs no rule.
+// A backlog that falls deletes pending children, so nobody may be about to make one ready meanwhile:
+// `spawning` is that rule. Accepting needs no rule.
 TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
     for (int round = 0; round < rounds(20); ++round) {
         zarn_endpoint_t *listener;
