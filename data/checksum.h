@@ -3,10 +3,9 @@
 // The sums under the Internet checksums (RFC 1071).
 //
 // - A sum is the 16-bit one's complement sum of the bytes, taken in pairs in host order, the first byte of a
-// pair low; a byte
-//   left over counts as a pair with a 0 behind it. A checksum, what the operations on buffers give and what a
-//   header carries, is the complement of a sum. Stored as a host-order 16-bit value, either has the right
-//   bytes on the wire.
+//   pair low; a byte left over counts as a pair with a 0 behind it. A checksum, what the operations on
+//   buffers give and what a header carries, is the complement of a sum. Stored as a host-order 16-bit value,
+//   either has the right bytes on the wire.
 // - Results are 16-bit values, zero-extended. Not a byte outside of a range is read or written.
 // - Plain computations: no locks, no heap, callable at any level.
 

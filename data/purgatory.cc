@@ -13,19 +13,16 @@
 //   not even look at it.
 //
 // The sleep. The thread announces it in `sleeping`, looks at `running` once more, and acquires `sem`. A
-// deletion that passes the threshold, and the stop, take the announcement away by one exchange, and only
-// who found it set releases a unit. So there is at most one unit per announcement, the wake-up, and it
-// can come before the thread blocks: the semaphore keeps it, and the acquire takes it at once. A wake-up
-// unit is on the semaphore or on its way only between an announcement and the end of the acquire behind
-// it.
+// deletion that passes the threshold, and the stop, take the announcement away by one exchange, and only who
+// found it set releases a unit. So there is at most one unit per announcement, the wake-up, and it can come
+// before the thread blocks: the semaphore keeps it, and the acquire takes it at once. A wake-up unit is on
+// the semaphore or on its way only between an announcement and the end of the acquire behind it.
 //
-// The stop. `sem` also tells the stop that the thread has left: the thread's last act is to release one
-// unit. The cases, by where the thread is when the stop stores 0 in `running` and then exchanges
-// `sleeping`:
-//  1. At work, or on its way to the announcement: the stop finds no announcement and releases nothing.
-//     Both change `sleeping` atomically, so the thread's announcement comes behind the stop's exchange
-//     and its second look at `running` sees 0. It takes the announcement back, and leaves by the next
-//     empty pop.
+// The stop. `sem` also tells the stop that the thread has left: the thread's last act is to release one unit.
+// The cases, by where the thread is when the stop stores 0 in `running` and then exchanges `sleeping`:
+//  1. At work, or on its way to the announcement: the stop finds no announcement and releases nothing. Both
+//     change `sleeping` atomically, so the thread's announcement comes behind the stop's exchange and its
+//     second look at `running` sees 0. It takes the announcement back, and leaves by the next empty pop.
 //  2. Announced, and its second look sees 0: if it finds the announcement still there, nobody will
 //     release and case 1 goes on. If it is gone, whoever took it owes a unit, and the thread acquires it
 //     as ever: nothing stays behind.

@@ -3,10 +3,8 @@
 // The purgatory: buffers that were deleted where nothing may block wait here for a thread that takes them
 // apart.
 //
-// - `isafe_delete_zarn_data` may be called from any thread and any interrupt level, also many times at
-//   once.
-// - One thread of low priority empties the stack in batches. Only it pops, so it may free what it has
-//   popped.
+// - `isafe_delete_zarn_data` may be called from any thread and any interrupt level, also many times at once.
+// - One thread of low priority empties the stack in batches. Only it pops, so it may free what it has popped.
 // - `init_data_purgatory` and `uninit_data_purgatory` belong to thread level, one at a time; nobody
 //   deletes buffers here while the stop runs.
 

@@ -3,9 +3,8 @@
 // Ranges of bytes between and inside buffers: shared, copied, read out, removed, made contiguous, made
 // private.
 //
-// A range that leaves a buffer frees neither its memory nor its nodes; both stay until the buffer is
-// deleted. Memory that an operation allocates belongs to the buffer through a descriptor with
-// `zarn_free`.
+// A range that leaves a buffer frees neither its memory nor its nodes; both stay until the buffer is deleted.
+// Memory that an operation allocates belongs to the buffer through a descriptor with `zarn_free`.
 
 #include <zarn/status.h>
 

@@ -4,10 +4,9 @@
 //
 // - A node is any record whose first word the stack may overwrite: that word is the link to the next node.
 // - The end of the list is the stack's own `sentinel`, a node that links to itself. There is no null and no
-// count.
+//   count.
 // - Whoever frees nodes must know that no other pop is under way: a pop reads the link of a node that another
-// pop may
-//   just have taken. Nodes that are never freed while the stack lives need no such care.
+//   pop may just have taken. Nodes that are never freed while the stack lives need no such care.
 
 #ifndef ZARN_MEMORY_ATOMIC_STACK_H
 #define ZARN_MEMORY_ATOMIC_STACK_H
@@ -21,8 +20,8 @@
 typedef void *__attribute__((may_alias)) stack_link;
 
 struct atomic_stack_t {
-    tagged_pointer
-        top;  // head and generation: the top node or the address of `sentinel`, and the number of changes
+    // Head and generation: the top node or the address of `sentinel`, and the number of changes.
+    tagged_pointer top;
     void *sentinel;  // always its own address
 };
 

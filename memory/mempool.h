@@ -3,11 +3,10 @@
 // mempool_t: a pool of fixed-size blocks over memory that the caller owns.
 //
 // - `mp_alloc` and `mp_free` work on any thread and at any interrupt level, also at the same time on one
-// pool; they
-//   never block and never reach the heap. `new_mempool` and `delete_mempool` use the heap: thread level.
+//   pool; they never block and never reach the heap. `new_mempool` and `delete_mempool` use the heap: thread
+//   level.
 // - The links lie in descriptors behind the record, never in the blocks: a block has no header, all of it is
-// the user's,
-//   and nothing that the user writes into a block can harm the pool.
+//   the user's, and nothing that the user writes into a block can harm the pool.
 //
 //                   mp_alloc   mp_free   delete_mempool        - free    X the caller excludes
 //  mp_alloc            -          -            X

@@ -3,11 +3,10 @@
 // The allocator of the stack: three pools of fixed blocks in one region, and the heap behind them.
 //
 // - Whatever any of the three allocation functions gave goes back through `zarn_free`, which tells pool from
-// heap by the
-//   address alone: no allocation has a header, and no caller has to remember where its memory came from.
+//   heap by the address alone: no allocation has a header, and no caller has to remember where its memory
+//   came from.
 // - The pool path takes no lock and works at interrupt level. A call that reaches the heap is as safe as the
-// heap is; a
-//   caller at interrupt level therefore has no guarantee from any function here.
+//   heap is; a caller at interrupt level therefore has no guarantee from any function here.
 
 #ifndef ZARN_MODULE_ALLOCATOR_H
 #define ZARN_MODULE_ALLOCATOR_H

@@ -9,8 +9,7 @@
 // - Clients read `length` and `flags`, and write `user_word_1`, `user_word_2`, `reserved_word` and in `flags`
 //   the bits of DATA_CLIENT_MASK and DATA_NEEDS_LOCK. All else is changed by the operations only.
 // - Memory that a piece refers to stays valid until the buffer's descriptors are released: removing bytes
-// from
-//   a buffer frees nothing.
+//   from a buffer frees nothing.
 //
 // Two buffers, b a clone of a part of a, sharing one piece of memory:
 //
@@ -33,8 +32,7 @@ extern "C" {
 #endif
 
 // Frees one element of memory. Runs on whoever drops the last reference, with no lock of the module held.
-// With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid
-// `zarn_free_func`.
+// With an extra argument the function is a `zarn_free_func_ext`; `zarn_free` is a valid `zarn_free_func`.
 typedef void (*zarn_free_func)(void *element);
 typedef void (*zarn_free_func_ext)(void *ext_arg, void *element);
 

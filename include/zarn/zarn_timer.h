@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// zarn_timer_t: a timer that calls a hook once, after a delay. One wheel and one thread serve all
-// timers.
+// zarn_timer_t: a timer that calls a hook once, after a delay. One wheel and one thread serve all timers.
 //
-// - The record is made by `create_zarn_timer` and freed by `delete_zarn_timer`; clients hold its
-//   address.
+// - The record is made by `create_zarn_timer` and freed by `delete_zarn_timer`; clients hold its address.
 // - A timer never fires early. The wheel turns in ticks of 4096 microseconds, and a timer fires in the
 //   first pass behind the end of the tick of its appointment: less than two ticks late, and the time
 //   that a pass takes. If the timer thread has been kept from running for more than 256 ticks, or a
