@@ -4,6 +4,7 @@
 // taken from its lines in the log. Only the words that explain a refusal are found here, by a look at the entry.
 #include "host/conf.h"
 
+#include <getopt.h>
 #include <sys/stat.h>
 
 #include <algorithm>
@@ -18,6 +19,7 @@
 
 #include "host/exit_codes.h"
 #include "host/places.h"
+#include "host/stack_loader.h"
 #include "module/read_int32.h"
 #include "platform/hosted/hosted_kernel.h"
 #include "platform/hosted/settings.h"
@@ -27,13 +29,14 @@
 namespace {
 
 constexpr char kUsage[] =
-    "usage: zarn conf [FILE]\n\n"
-    "Checks a settings file and prints what the module makes of it: the stacks of each address family with "
-    "their keys,\n"
-    "in the base that the file uses, and their modules; then each entry that was refused or is read by "
-    "nobody, and why.\n"
-    "Without FILE it is the file that a replay uses.\n\n"
-    "Exit status: 0 the whole file counts; 1 a part of it doesn't, or it has a mistake; 2 wrong usage.\n";
+    "usage: zarn conf [--load] [--modules DIRECTORY] [FILE]\n\n"
+    "Checks a settings file and prints what the module makes of it: the stacks of each address family with\n"
+    "their keys, in the base that the file uses, and their modules; then each entry that was refused or is\n"
+    "read by nobody, and why. Without FILE it is the settings file beside the program.\n\n"
+    "  --load               load every stack as well, and create and delete an endpoint on each out stack\n"
+    "  --modules DIRECTORY  where to load the modules from\n\n"
+    "Exit status: 0 the whole file counts; 1 a part of it doesn't, or it has a mistake; 2 wrong usage;\n"
+    "3 a stack can't be loaded; 4 a module stayed behind.\n";
 
 constexpr const char *kSections[kStackTypes] = {"in", "out", "dl"};
 
@@ -79,16 +82,21 @@ class complaints {
 // One family: its section in the file, and what the roster made of it.
 class family_report {
  public:
-    family_report(const settings_parameter &section, complaints *complaints)
-        : section_(section), place_(std::string("family ") + section.name), complaints_(complaints) {}
+    // Appends the stacks that the roster made.
+    family_report(const settings_parameter &section, std::vector<configured_stack> *stacks,
+                  complaints *complaints)
+        : section_(section),
+          number_(static_cast<uint32_t>(strtoul(section.name, nullptr, 16))),
+          place_(std::string("family ") + section.name),
+          stacks_(stacks),
+          complaints_(complaints) {}
 
     // False when the roster can't read the family at all.
     bool print() {
-        const auto number = static_cast<uint32_t>(strtoul(section_.name, nullptr, 16));
         log_lines lines;
         family_cache *cache = nullptr;
         hosted_set_log(keep_line, &lines);
-        const int32_t status = cache_family(number, &cache);
+        const int32_t status = cache_family(number_, &cache);
         hosted_set_log(nullptr, nullptr);
         if (status != 0) {
             for (const std::string &line : lines)
@@ -97,27 +105,27 @@ class family_report {
         }
 
         printf("family %s", section_.name);
-        printf(number > 9 ? " (%" PRIu32 " in base 10)\n" : "\n", number);
-        std::set<std::string> modules;
-        skiplist_for_each(cache->stacks, print_stack, &modules);
+        printf(number_ > 9 ? " (%" PRIu32 " in base 10)\n" : "\n", number_);
+        skiplist_for_each(cache->stacks, print_stack, this);
         printf("  modules:");
-        for (const std::string &module : modules)
+        for (const std::string &module : modules_)
             printf(" %s", module.c_str());
-        printf("%s\n", modules.empty() ? " none" : "");
+        printf("%s\n", modules_.empty() ? " none" : "");
         for (const std::string &line : lines)
             explain(line);
         print_unread();
 
         lines.clear();
         hosted_set_log(keep_line, &lines);  // it tells that the family goes
-        skiplist_delete(gFamilyCaches, &number);
+        skiplist_delete(gFamilyCaches, &number_);
         hosted_set_log(nullptr, nullptr);
         return true;
     }
 
  private:
-    static int32_t print_stack(void *item, void *modules) {
+    static int32_t print_stack(void *item, void *argument) {
         const auto *stack = static_cast<const stack_cache *>(item);
+        auto *report = static_cast<family_report *>(argument);
         char keys[32];
         if (stack->type == kStackIn) {
             snprintf(keys, sizeof keys, "%" PRId32, stack->key2);
@@ -127,8 +135,15 @@ class family_report {
                      stack->key2);
         }
         printf("  %-4s %-16s", kSections[stack->type], keys);
+        report->stacks_->push_back({report->number_,
+                                    stack->type,
+                                    stack->key1,
+                                    stack->key2,
+                                    std::string(kSections[stack->type]) + " " + keys,
+                                    {}});
         for (int32_t i = 0; i < stack->module_count; ++i) {
-            static_cast<std::set<std::string> *>(modules)->insert(stack->module_names[i]);
+            report->stacks_->back().modules.emplace_back(stack->module_names[i]);
+            report->modules_.insert(stack->module_names[i]);
             printf(" %s", stack->module_names[i]);
         }
         printf("%s\n", stack->module_count == 0 ? " (no modules)" : "");
@@ -237,8 +252,11 @@ class family_report {
     static constexpr char kDuplicate[] = "a duplicate, an earlier stack answers to these keys";
 
     const settings_parameter &section_;
+    const uint32_t number_;
     const std::string place_;
+    std::vector<configured_stack> *const stacks_;
     complaints *const complaints_;
+    std::set<std::string> modules_;
     int32_t stack_key2_ = 0;
     bool about_stack_ = false;
     std::map<std::string, int32_t> next_stack_;  // by section and entry: where the search goes on
@@ -270,7 +288,7 @@ void print_flat_keys(const settings_tree &tree, const settings_parameter *domain
 }
 
 // Returns how much of the file doesn't count, or -1 when the roster can't read a family.
-int print_settings_file(const settings_tree &tree) {
+int print_settings_file(const settings_tree &tree, std::vector<configured_stack> *stacks) {
     complaints complaints;
     const settings_parameter *domains = find(tree.parameters, tree.parameter_count, "domains");
     print_flat_keys(tree, domains, &complaints);
@@ -287,7 +305,7 @@ int print_settings_file(const settings_tree &tree) {
                            "a family is named by its number in base 16, lower case, no leading zeros");
         } else if (find_child(domains, section.name) != &section) {
             complaints.add("ignored", place, "a duplicate, the first section of this family counts");
-        } else if (!family_report(section, &complaints).print()) {
+        } else if (!family_report(section, stacks, &complaints).print()) {
             return -1;
         }
     }
@@ -297,23 +315,47 @@ int print_settings_file(const settings_tree &tree) {
 }  // namespace
 
 int run_conf(int argc, char **argv) {
-    if (argc == 2 && (strcmp(argv[1], "--help") == 0 || strcmp(argv[1], "-h") == 0)) {
-        fputs(kUsage, stdout);
-        return kExitOk;
+    enum { kLoad = 256, kModules, kHelp };
+    static const option kOptions[] = {{"load", no_argument, nullptr, kLoad},
+                                      {"modules", required_argument, nullptr, kModules},
+                                      {"help", no_argument, nullptr, kHelp},
+                                      {}};
+    bool load = false;
+    std::string modules = default_module_directory();
+    opterr = 0;
+    optind = 1;
+    for (int found; (found = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1;) {
+        switch (found) {
+            case kLoad:
+                load = true;
+                break;
+            case kModules:
+                modules = optarg;
+                break;
+            case kHelp:
+            case 'h':
+                fputs(kUsage, stdout);
+                return kExitOk;
+            default:
+                fprintf(stderr, "zarn conf: %s %s; try 'zarn conf --help'\n",
+                        found == ':' ? "a value is missing behind" : "no option", argv[optind - 1]);
+                return kExitUsage;
+        }
     }
-    if (argc > 2 || (argc == 2 && argv[1][0] == '-')) {
+    if (argc - optind > 1) {
         fputs("zarn conf: takes one file at most; try 'zarn conf --help'\n", stderr);
         return kExitUsage;
     }
-    const std::string path = argc == 2 ? argv[1] : default_settings_file();
+    const std::string path = argc > optind ? argv[optind] : default_settings_file();
     struct stat status;
     if (stat(path.c_str(), &status) == 0 && !S_ISREG(status.st_mode)) {
         // It is read again for each family.
         fprintf(stderr, "zarn conf: %s is no regular file\n", path.c_str());
         return kExitInput;
     }
-    if (hosted_set_settings_file("zarn.conf", path.c_str()) != 0) {
-        fprintf(stderr, "zarn conf: '%s' can't be the name of a file\n", path.c_str());
+    if (hosted_set_settings_file("zarn.conf", path.c_str()) != 0 ||
+        hosted_set_module_directory(modules.c_str()) != 0) {
+        fputs("zarn conf: a name is empty or too long\n", stderr);
         return kExitUsage;
     }
     void *settings = kern_settings_load("zarn.conf");
@@ -322,12 +364,14 @@ int run_conf(int argc, char **argv) {
         kern_settings_unload(settings);
         return kExitModule;
     }
-    const int complaints = print_settings_file(*kern_settings_tree(settings));
+    std::vector<configured_stack> stacks;
+    const int complaints = print_settings_file(*kern_settings_tree(settings), &stacks);
     uninit_roster();
     kern_settings_unload(settings);
     if (complaints == 0) printf("%s: good\n", path.c_str());
     if (complaints > 0)
         printf("%s: %d part%s of it do%s not count\n", path.c_str(), complaints, complaints == 1 ? "" : "s",
                complaints == 1 ? "es" : "");
-    return complaints == 0 ? kExitOk : kExitInput;
+    const int loaded = load ? load_stacks(stacks) : kExitOk;
+    return complaints == 0 ? loaded : kExitInput;
 }
