@@ -13,7 +13,7 @@
 
 namespace {
 
-const char *const kWidth = sizeof(void *) == 4 ? " -m32" : " -m64";
+const char *const kWidth = sizeof(void *) == 4 ? "-m32" : "-m64";
 
 // Runs a shell command. What it said goes to `output`.
 int run(const std::string &command, std::string *output) {
@@ -52,14 +52,11 @@ TEST(install, builds_a_module_with_one_compiler_line_and_runs_it) {
     const std::string zarn = installation() + "/bin/zarn";
     const std::string module = installation() + "/lib/zarn/modules/network/hello.so";
     std::string said;
-    ASSERT_EQ(run("cd " + scratch_directory() + "/work && PKG_CONFIG_PATH=" + installation() +
-                      "/lib/pkgconfig && export PKG_CONFIG_PATH && cc -Wall -Wextra -Werror -shared -fPIC" +
-                      kWidth +
-                      " $(pkg-config --cflags zarn) -o $(pkg-config --variable=moduledir "
-                      "zarn)/network/hello.so hello.c",
-                  &said),
-              0)
-        << said;
+    std::string command = "cd " + scratch_directory() + "/work && export PKG_CONFIG_PATH=" + installation();
+    command.append("/lib/pkgconfig && cc -Wall -Wextra -Werror -shared -fPIC ").append(kWidth);
+    command +=
+        " $(pkg-config --cflags zarn) -o $(pkg-config --variable=moduledir zarn)/network/hello.so hello.c";
+    ASSERT_EQ(run(command, &said), 0) << said;
     EXPECT_EQ(run(zarn + " check " + module, &said), 0) << said;
     expect_to_run(zarn);
     std::filesystem::remove(module);
@@ -68,14 +65,11 @@ TEST(install, builds_a_module_with_one_compiler_line_and_runs_it) {
 }
 
 TEST(install, builds_a_module_with_the_cmake_package) {
-    const std::string build = scratch_directory() + "/work/build";
+    std::string command = "cd " + scratch_directory() + "/work && CFLAGS=";
+    command.append(kWidth).append(" cmake -B build -DCMAKE_PREFIX_PATH=").append(installation());
+    command.append(" && cmake --build build && cmake --install build");
     std::string said;
-    ASSERT_EQ(run(std::string("CFLAGS='") + kWidth + "' cmake -S " + scratch_directory() + "/work -B " +
-                      build + " -DCMAKE_PREFIX_PATH=" + installation() + " && cmake --build " + build +
-                      " && cmake --install " + build,
-                  &said),
-              0)
-        << said;
+    ASSERT_EQ(run(command, &said), 0) << said;
     expect_to_run(installation() + "/bin/zarn");
 }
 
