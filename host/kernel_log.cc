@@ -9,7 +9,9 @@
 namespace {
 
 // Parts of lines that tell of an ordinary start.
-constexpr const char *kRoutine[] = {"zarn_timers : wheel Size", "runs without its real-time priority"};
+constexpr const char *kRoutine[] = {"zarn_timers : wheel Size", "runs without its real-time priority",
+                                    "found sections - in = ", "zarn_util: loading stack ",
+                                    "zarn_util: free_family_cache(): unloading"};
 
 void print_line(void *, const char *text) {
     for (const char *part : kRoutine)

@@ -1,34 +1,28 @@
 // SPDX-License-Identifier: MIT
 #include "host/protocol_stack.h"
 
+#include <zarn/zarn_notify.h>
+
+#include <algorithm>
 #include <cstdio>
-#include <string>
+#include <cstring>
+#include <string_view>
 
 #include "platform/kern.h"
 
 namespace {
 
-struct stack_place {
-    const char *name;
-    int below;     // the protocol that hands packets up, -1 for the lowest
-    uint32_t key;  // of these packets
-};
+constexpr char kDirectory[] = "network/";
+constexpr char kLowest[] = "network/ethernet";
 
-constexpr stack_place kPlaces[kProtocols] = {
-    {"ethernet", -1, 0}, {"arp", kEthernet, 0x0806}, {"ipv4", kEthernet, 0x0800}, {"ipv6", kEthernet, 0x86dd},
-    {"icmp", kIpv4, 1},  {"tcp", kIpv4, 6},          {"udp", kIpv4, 17},
-};
-
-std::string module_path(int index) {
-    return std::string("network/") + kPlaces[index].name;
-}
+constexpr const char *kNames[kProtocols] = {"ethernet", "arp", "ipv4", "ipv6", "icmp", "tcp", "udp"};
 
 template <typename Table>
-bool acquire(const std::string &path, Table *table) {
+bool acquire(const char *path, Table *table) {
     void *found = nullptr;
-    int32_t status = kern_module_acquire(path.c_str(), &found);
+    int32_t status = kern_module_acquire(path, &found);
     if (status != 0) {
-        fprintf(stderr, "zarn: can't load the module %s (status 0x%08x)\n", path.c_str(),
+        fprintf(stderr, "zarn: can't load the module %s (status 0x%08x)\n", path,
                 static_cast<unsigned>(status));
         return false;
     }
@@ -36,55 +30,71 @@ bool acquire(const std::string &path, Table *table) {
     return true;
 }
 
-bool release(const std::string &path) {
-    int32_t status = kern_module_release(path.c_str());
+bool release(const char *path) {
+    int32_t status = kern_module_release(path);
     if (status == 0) return true;
-    fprintf(stderr, "zarn: can't release the module %s (status 0x%08x)\n", path.c_str(),
+    fprintf(stderr, "zarn: can't release the module %s (status 0x%08x)\n", path,
             static_cast<unsigned>(status));
     return false;
+}
+
+using module_list = std::vector<const sample_protocol_module *>;
+
+// The protocol and all that packets have gone to from it, each once. One may stand above itself.
+module_list list_protocols(const sample_protocol_module *lowest) {
+    module_list list = {lowest};
+    for (size_t done = 0; done < list.size(); done++) {
+        for (int32_t i = 0; const sample_protocol_module *upper = list[done]->upper_at(i); i++)
+            if (std::find(list.begin(), list.end(), upper) == list.end()) list.push_back(upper);
+    }
+    return list;
+}
+
+void add_counts(protocol_counts *all, const char *path, const sample_counts &counts) {
+    std::string_view name = path;
+    if (name.rfind(kDirectory, 0) == 0) name.remove_prefix(strlen(kDirectory));
+    all->unloadable += counts.unloadable;
+    auto known = std::find(std::begin(kNames), std::end(kNames), name);
+    if (known != std::end(kNames)) {
+        all->known[static_cast<size_t>(known - std::begin(kNames))] = counts;
+    } else {
+        all->others.push_back({std::string(name), counts});
+    }
 }
 
 }  // namespace
 
 const char *protocol_name(int index) {
-    return kPlaces[index].name;
+    return kNames[index];
 }
 
 bool load_protocol_stack(protocol_stack *stack) {
     *stack = {};
-    if (!acquire(ZARN_UTIL_MODULE_NAME, &stack->util)) return false;
-    for (int i = 0; i < kProtocols; i++) {
-        const stack_place &place = kPlaces[i];
-        bool ready = acquire(module_path(i), &stack->modules[i]);
-        if (ready && place.below >= 0 &&
-            stack->modules[place.below]->attach(place.key, stack->modules[i]) != 0) {
-            fprintf(stderr, "zarn: %s has no place for %s\n", module_path(place.below).c_str(),
-                    module_path(i).c_str());
-            ready = false;
-        }
-        if (!ready) {
-            unload_protocol_stack(stack);
-            return false;
-        }
-    }
-    return true;
+    if (acquire(ZARN_UTIL_MODULE_NAME, &stack->util) && acquire(ZARN_NOTIFY_MODULE_NAME, &stack->notify) &&
+        acquire(kLowest, &stack->ethernet))
+        return true;
+    unload_protocol_stack(stack);
+    return false;
 }
 
 bool unload_protocol_stack(protocol_stack *stack) {
-    bool released = true;
-    for (int i = kProtocols - 1; i >= 0; i--) {
-        if (stack->modules[i] == nullptr) continue;
-        if (kPlaces[i].below >= 0) stack->modules[kPlaces[i].below]->attach(kPlaces[i].key, nullptr);
-        released = release(module_path(i)) && released;
-    }
+    bool released = stack->ethernet == nullptr || release(kLowest);
+    if (stack->notify != nullptr) released = release(ZARN_NOTIFY_MODULE_NAME) && released;
     if (stack->util != nullptr) released = release(ZARN_UTIL_MODULE_NAME) && released;
     *stack = {};
     return released;
 }
 
-protocol_counts take_protocol_counts(const protocol_stack *stack) {
-    protocol_counts counts;
-    for (int i = 0; i < kProtocols; i++)
-        stack->modules[i]->take_counts(&counts[i]);
-    return counts;
+protocol_counts flush_protocols(const protocol_stack *stack) {
+    protocol_counts all;
+    module_list list = list_protocols(stack->ethernet);
+    // The lowest, which comes first, is flushed last: with that the others may go.
+    for (const sample_protocol_module *module : list) {
+        sample_counts counts;
+        if (module != stack->ethernet) module->flush();
+        module->take_counts(&counts);
+        add_counts(&all, module->protocol.head.name, counts);
+    }
+    stack->ethernet->flush();
+    return all;
 }

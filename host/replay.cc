@@ -12,6 +12,7 @@
 #include <vector>
 
 #include "host/capture_reader.h"
+#include "host/connections.h"
 #include "host/exit_codes.h"
 #include "host/heap_meter.h"
 #include "host/kernel_log.h"
@@ -22,6 +23,7 @@
 #include "host/report.h"
 #include "host/stop_signals.h"
 #include "platform/hosted/hosted_kernel.h"
+#include "platform/hosted/settings.h"
 #include "platform/kern.h"
 
 namespace {
@@ -30,8 +32,10 @@ constexpr char kUsage[] =
     "usage: zarn replay [OPTION]... FILE...\n"
     "\n"
     "Reads Ethernet captures (pcap of either byte order, pcapng), takes every frame through a queue to\n"
-    "the protocol modules, and prints what these have counted. FILE can be - for the standard input.\n"
+    "the protocol modules that the settings name, and prints what these have counted, and the TCP\n"
+    "connections and UDP datagrams that endpoints have received. FILE can be - for the standard input.\n"
     "\n"
+    "  --conf FILE    the settings (default: zarn.conf beside the program, or where it is installed)\n"
     "  --modules DIR  where the modules lie (default: the directory modules beside the program)\n"
     "  --tsv          a header line, and a row of tab-separated values for each file\n"
     "  --json         a JSON object on a line for each file\n"
@@ -39,6 +43,7 @@ constexpr char kUsage[] =
     "  --repeat N     read each file N times (default: once)\n"
     "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
+    "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n"
     "  --log          show all of the kernel's log on stderr, not only what is out of the ordinary\n"
     "  --help         this text\n"
     "\n"
@@ -46,15 +51,20 @@ constexpr char kUsage[] =
     "not_a_capture, unreadable or stopped (by SIGINT or SIGTERM). Whatever was read before is counted.\n"
     "\n"
     "Exit status: 0 all is well; 1 a file could not be read to its end or holds frames that are not\n"
-    "Ethernet; 2 wrong usage; 3 a module can't be loaded; 4 something was not given back at the end, or was "
+    "Ethernet, or the settings have a mistake; 2 wrong usage; 3 a module that is needed or named in the\n"
+    "settings can't be loaded; 4 something was not given back at the end, or was "
     "done at\n"
     "interrupt level that must not be.\n";
 
+constexpr uint64_t kMostBacklog = 1'000'000;
+
 struct replay_options {
     std::string modules;
+    std::string settings;
     report_style style;
     uint64_t rate = 0;  // frames per second, 0 for no limit
     uint64_t repeat = 1;
+    uint64_t backlog = kDefaultBacklog;
     bool interrupts = false;
     bool log = false;
     std::vector<const char *> files;
@@ -75,13 +85,15 @@ bool parse_count(const char *text, uint64_t *count) {
 
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, replay_options *options) {
-    enum { kModules = 256, kTsv, kJson, kRate, kRepeat, kDrop, kInterrupt, kLog, kHelp };
+    enum { kModules = 256, kConf, kTsv, kJson, kRate, kRepeat, kBacklog, kDrop, kInterrupt, kLog, kHelp };
     static const option kOptions[] = {
         {"modules", required_argument, nullptr, kModules},
+        {"conf", required_argument, nullptr, kConf},
         {"tsv", no_argument, nullptr, kTsv},
         {"json", no_argument, nullptr, kJson},
         {"rate", required_argument, nullptr, kRate},
         {"repeat", required_argument, nullptr, kRepeat},
+        {"backlog", required_argument, nullptr, kBacklog},
         {"drop", no_argument, nullptr, kDrop},
         {"interrupt", no_argument, nullptr, kInterrupt},
         {"log", no_argument, nullptr, kLog},
@@ -96,6 +108,9 @@ int parse_options(int argc, char **argv, replay_options *options) {
             case kModules:
                 options->modules = optarg;
                 break;
+            case kConf:
+                options->settings = optarg;
+                break;
             case kTsv:
                 tsv = true;
                 options->style.format = report_format::kTsv;
@@ -108,6 +123,10 @@ int parse_options(int argc, char **argv, replay_options *options) {
             case kRepeat:
                 if (!parse_count(optarg, found == kRate ? &options->rate : &options->repeat))
                     return usage_error(std::string(optarg) + " is no number from 1 up");
+                break;
+            case kBacklog:
+                if (!parse_count(optarg, &options->backlog) || options->backlog > kMostBacklog)
+                    return usage_error(std::string(optarg) + " is no backlog from 1 to 1000000");
                 break;
             case kDrop:
                 options->style.drops = true;
@@ -136,6 +155,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
     }
     if (options->files.empty()) return usage_error("no file named");
     if (options->modules.empty()) options->modules = default_module_directory();
+    if (options->settings.empty()) options->settings = default_settings_file();
     return -1;
 }
 
@@ -167,6 +187,7 @@ void wait_for_turn(const frame_pacer *pacer, uint64_t frame) {
 struct file_replay {
     const replay_options *options;
     frame_pipeline *pipeline;
+    endpoint_client *client;
     file_result *result;
     progress_line progress;
     frame_pacer pacer;
@@ -219,11 +240,11 @@ bool offer_frames(file_replay *replay, capture_reader *reader, uint64_t round) {
 
 // Runs all frames of one file through the protocols. `result->error` is empty when all is well.
 void replay_file(const char *path, const replay_options *options, frame_pipeline *pipeline,
-                 file_result *result) {
+                 endpoint_client *client, file_result *result) {
     *result = {};
     result->path = path;
     int64_t start = kern_time_us();
-    file_replay replay = {options, pipeline, result, {}, {options->rate, start}, 0};
+    file_replay replay = {options, pipeline, client, result, {}, {options->rate, start}, 0};
     start_progress(&replay.progress, pipeline->stack->util, path);
     bool going = true;
     for (uint64_t round = 0; going && round < options->repeat; round++) {
@@ -239,7 +260,8 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     }
     result->dropped = drain_pipeline(pipeline);
     result->seconds = static_cast<double>(kern_time_us() - start) / 1e6;
-    result->protocols = take_protocol_counts(pipeline->stack);
+    result->connections = drain_endpoints(client);
+    result->protocols = flush_protocols(pipeline->stack);
     end_progress(&replay.progress);
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
@@ -269,19 +291,31 @@ bool kernel_is_empty() {
 
 // Replays the files. Returns an exit code.
 int replay_files(const replay_options &options, const protocol_stack *stack) {
+    endpoint_client client;
+    if (!start_endpoints(&client, stack->util, static_cast<int32_t>(options.backlog))) return kExitModule;
     frame_pipeline pipeline;
-    if (!start_pipeline(&pipeline, stack, options.interrupts, options.style.drops)) return kExitInput;
+    if (!start_pipeline(&pipeline, stack, options.interrupts, options.style.drops)) {
+        stop_endpoints(&client);
+        return kExitInput;
+    }
     accept_stop_signals();
 
     int code = kExitOk;
+    uint64_t unloadable = 0;
     file_result result;
     print_report_start(options.style);
     for (const char *path : options.files) {
         if (stop_requested()) break;
-        replay_file(path, &options, &pipeline, &result);
+        replay_file(path, &options, &pipeline, &client, &result);
         result.pools = measure_pools(stack->util);
         print_file_result(options.style, result);
         if (!result.error.empty()) code = kExitInput;
+        unloadable += result.protocols.unloadable;
+    }
+    if (unloadable != 0) {
+        fprintf(stderr,
+                "zarn: the settings name protocols that can't be loaded; their packets went to nobody\n");
+        code = kExitModule;
     }
     std::array<pool_state, kPools> pools = measure_pools(stack->util);
     print_report_end(options.style, pools);
@@ -294,7 +328,17 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
         fprintf(stderr, "zarn: %" PRId32 " frames were not given back\n", out);
         code = kExitFault;
     }
+    stop_endpoints(&client);
     return code;
+}
+
+// The modules read the settings when they need them; a file with a mistake is better refused at once. What is
+// wrong with it stands in the log.
+bool settings_are_sound() {
+    void *settings = kern_settings_load("zarn.conf");
+    if (settings == nullptr) return false;
+    kern_settings_unload(settings);
+    return true;
 }
 
 }  // namespace
@@ -308,6 +352,9 @@ int run_replay(int argc, char **argv) {
     show_kernel_log(options.log);
     if (hosted_set_module_directory(options.modules.c_str()) != 0)
         return usage_error("the path of the module directory is too long");
+    if (hosted_set_settings_file("zarn.conf", options.settings.c_str()) != 0)
+        return usage_error("the path of the settings file is too long");
+    if (!settings_are_sound()) return kExitInput;
     protocol_stack stack;
     if (!load_protocol_stack(&stack)) return kExitModule;
     if (install_heap_meter(stack.util) == 0) {

@@ -16,12 +16,18 @@ uint64_t of_file(const file_result &result) {
 
 template <protocol_index index, auto member>
 uint64_t of_protocol(const file_result &result) {
-    return result.protocols[index].*member;
+    return result.protocols.known[index].*member;
+}
+
+template <auto member>
+uint64_t of_transports(const file_result &result) {
+    const auto &known = result.protocols.known;
+    return known[kIcmp].*member + known[kTcp].*member + known[kUdp].*member;
 }
 
 struct column {
     const char *name;
-    number value;  // null: the program has no such number
+    number value;
 };
 
 // Order and names are those of the tables that replays are compared with.
@@ -54,10 +60,10 @@ constexpr column kColumns[] = {
     {"udp_absent", of_protocol<kUdp, &sample_counts::absent>},
     {"udp_unverified", of_protocol<kUdp, &sample_counts::unverified>},
     {"ip_other", of_protocol<kIpv4, &sample_counts::unclaimed>},
-    {"whole", nullptr},
-    {"whole_good", nullptr},
-    {"whole_bad", nullptr},
-    {"whole_absent", nullptr},
+    {"whole", of_protocol<kIpv4, &sample_counts::whole>},
+    {"whole_good", of_transports<&sample_counts::whole_good>},
+    {"whole_bad", of_transports<&sample_counts::whole_bad>},
+    {"whole_absent", of_transports<&sample_counts::whole_absent>},
 };
 
 // How much of a packet's checksum a protocol tells.
@@ -81,25 +87,83 @@ void print_remainder(const char *what, uint64_t value) {
     if (value != 0) printf("  %s: %" PRIu64 "\n", what, value);
 }
 
+void print_protocol(const char *name, const sample_counts &counts, checksum_kind kind) {
+    printf("  %-9s %10" PRIu64 " %12" PRIu64, name, counts.packets, counts.bytes);
+    print_cell(counts.good, kind != kNoChecksum);
+    print_cell(counts.bad, kind != kNoChecksum);
+    print_cell(counts.absent, kind == kOptionalChecksum);
+    print_cell(counts.unverified, kind != kNoChecksum);
+    printf("\n");
+}
+
+std::string address_text(const uint8_t *address, uint16_t port) {
+    char text[32];
+    snprintf(text, sizeof(text), "%u.%u.%u.%u:%u", address[0], address[1], address[2], address[3], port);
+    return text;
+}
+
+struct connection_sums {
+    uint64_t open, client_bytes, server_bytes;
+};
+
+connection_sums sum_connections(const connection_totals &totals) {
+    connection_sums sums = {};
+    for (const auto &connection : totals.accepted) {
+        sums.open += connection.open;
+        sums.client_bytes += connection.facts.client_bytes;
+        sums.server_bytes += connection.facts.server_bytes;
+    }
+    return sums;
+}
+
+void print_connections(const file_result &result) {
+    constexpr size_t kMostRows = 10;
+    const connection_totals &totals = result.connections;
+    uint64_t refused = result.protocols.known[kTcp].refused;
+    size_t left = totals.accepted.size();
+    if (left != 0) printf("  %-43s %12s %12s\n", "connection", "bytes there", "bytes back");
+    for (const auto &[facts, open] : totals.accepted) {
+        if (totals.accepted.size() - left == kMostRows) break;
+        printf("  %-21s %-21s %12" PRIu64 " %12" PRIu64 "%s\n",
+               address_text(facts.client, facts.client_port).c_str(),
+               address_text(facts.server, facts.server_port).c_str(), facts.client_bytes, facts.server_bytes,
+               open ? "  not ended" : "");
+        left--;
+    }
+    if (left != 0 && left != totals.accepted.size()) printf("  and %zu more\n", left);
+    if (!totals.accepted.empty()) {
+        connection_sums sums = sum_connections(totals);
+        std::string name = std::to_string(totals.accepted.size()) + " in all";
+        printf("  %-43s %12" PRIu64 " %12" PRIu64 "\n", name.c_str(), sums.client_bytes, sums.server_bytes);
+    }
+    print_remainder("connections refused, the backlog was full", refused);
+    print_remainder("connections reset before they were made", totals.failed);
+    print_remainder("connections half made", totals.half_open);
+    if (totals.datagrams != 0)
+        printf("  UDP datagrams received: %" PRIu64 ", %" PRIu64 " bytes\n", totals.datagrams,
+               totals.datagram_bytes);
+    print_remainder("UDP datagrams without room", result.protocols.known[kUdp].refused);
+}
+
 void print_table(const file_result &result, bool drops) {
+    const auto &known = result.protocols.known;
     printf("%s: %s\n", result.path.c_str(), capture_status_name(result.status));
     printf("  %-9s %10s %12s %10s %10s %10s %10s\n", "protocol", "frames", "bytes", "good", "bad", "absent",
            "unverified");
-    for (int i = 0; i < kProtocols; i++) {
-        const sample_counts &counts = result.protocols[i];
-        printf("  %-9s %10" PRIu64 " %12" PRIu64, protocol_name(i), counts.packets, counts.bytes);
-        print_cell(counts.good, kChecksums[i] != kNoChecksum);
-        print_cell(counts.bad, kChecksums[i] != kNoChecksum);
-        print_cell(counts.absent, kChecksums[i] == kOptionalChecksum);
-        print_cell(counts.unverified, kChecksums[i] != kNoChecksum);
-        printf("\n");
-    }
-    print_remainder("with a VLAN tag", result.protocols[kEthernet].tagged);
-    print_remainder("other EtherTypes", result.protocols[kEthernet].unclaimed);
-    print_remainder("IPv4 fragments", result.protocols[kIpv4].fragments);
-    print_remainder("other IPv4 protocols", result.protocols[kIpv4].unclaimed);
+    for (size_t i = 0; i < kProtocols; i++)
+        print_protocol(protocol_name(static_cast<int>(i)), known[i], kChecksums[i]);
+    for (const named_counts &other : result.protocols.others)
+        print_protocol(other.name.c_str(), other.counts, kOptionalChecksum);
+    print_remainder("with a VLAN tag", known[kEthernet].tagged);
+    print_remainder("other EtherTypes", known[kEthernet].unclaimed);
+    print_remainder("IPv4 fragments", known[kIpv4].fragments);
+    print_remainder("IPv4 datagrams put together from fragments", known[kIpv4].whole);
+    print_remainder("of these, with a bad checksum", of_transports<&sample_counts::whole_bad>(result));
+    print_remainder("IPv4 datagrams with fragments missing", known[kIpv4].incomplete);
+    print_remainder("other IPv4 protocols", known[kIpv4].unclaimed);
     print_remainder("cut short by the capture", result.cut_short);
     print_remainder("not Ethernet", result.not_ethernet);
+    print_connections(result);
     if (drops) printf("  dropped: %" PRIu64 "\n", result.dropped);
     printf("  %" PRIu64 " frames, %" PRIu64 " bytes captured of %" PRIu64 " in %.3f ms: %.0f frames/s\n\n",
            result.frames, result.captured_bytes, result.wire_bytes, result.seconds * 1e3,
@@ -137,13 +201,8 @@ std::string escape_for_tsv(const std::string &text) {
 
 void print_tsv(const file_result &result, bool drops) {
     printf("%s\t%s", escape_for_tsv(file_name(result.path)).c_str(), capture_status_name(result.status));
-    for (const column &column : kColumns) {
-        if (column.value != nullptr) {
-            printf("\t%" PRIu64, column.value(result));
-        } else {
-            printf("\t");
-        }
-    }
+    for (const column &column : kColumns)
+        printf("\t%" PRIu64, column.value(result));
     if (drops) printf("\t%" PRIu64, result.dropped);
     printf("\n");
 }
@@ -185,28 +244,56 @@ std::string quote_for_json(std::string_view text) {
     return quoted + '"';
 }
 
+void print_json_protocol(const char *separator, const std::string &name, const sample_counts &counts,
+                         checksum_kind kind) {
+    printf("%s%s: {\"frames\": %" PRIu64 ", \"bytes\": %" PRIu64, separator, quote_for_json(name).c_str(),
+           counts.packets, counts.bytes);
+    if (kind != kNoChecksum) {
+        printf(", \"good\": %" PRIu64 ", \"bad\": %" PRIu64, counts.good, counts.bad);
+        if (kind == kOptionalChecksum) printf(", \"absent\": %" PRIu64, counts.absent);
+        printf(", \"unverified\": %" PRIu64, counts.unverified);
+    }
+    printf("}");
+}
+
+void print_json_connections(const file_result &result) {
+    const connection_totals &totals = result.connections;
+    const connection_sums sums = sum_connections(totals);
+    printf("\"connections\": {\"accepted\": %zu, \"not_ended\": %" PRIu64 ", \"client_bytes\": %" PRIu64
+           ", \"server_bytes\": %" PRIu64 ", \"refused\": %" PRIu64 ", \"failed\": %" PRIu64
+           ", \"half_made\": %" PRIu64 ", \"list\": [",
+           totals.accepted.size(), sums.open, sums.client_bytes, sums.server_bytes,
+           result.protocols.known[kTcp].refused, totals.failed, totals.half_open);
+    const char *separator = "";
+    for (const auto &[facts, open] : totals.accepted) {
+        printf("%s{\"client\": \"%s\", \"server\": \"%s\", \"client_bytes\": %" PRIu64
+               ", \"server_bytes\": %" PRIu64 ", \"ended\": %s}",
+               separator, address_text(facts.client, facts.client_port).c_str(),
+               address_text(facts.server, facts.server_port).c_str(), facts.client_bytes, facts.server_bytes,
+               open ? "false" : "true");
+        separator = ", ";
+    }
+    printf("]}, \"datagrams\": {\"received\": %" PRIu64 ", \"bytes\": %" PRIu64 "}", totals.datagrams,
+           totals.datagram_bytes);
+}
+
 void print_json(const file_result &result, bool drops) {
     printf("{\"file\": %s, \"status\": \"%s\"", quote_for_json(result.path).c_str(),
            capture_status_name(result.status));
     if (!result.error.empty()) printf(", \"error\": %s", quote_for_json(result.error).c_str());
-    for (const column &column : kColumns) {
-        if (column.value != nullptr) printf(", \"%s\": %" PRIu64, column.name, column.value(result));
-    }
+    for (const column &column : kColumns)
+        printf(", \"%s\": %" PRIu64, column.name, column.value(result));
     if (drops) printf(", \"dropped\": %" PRIu64, result.dropped);
     printf(", \"seconds\": %.6f, \"frames_per_second\": %.0f", result.seconds, frames_per_second(result));
     printf(", \"protocols\": {");
-    for (int i = 0; i < kProtocols; i++) {
-        const sample_counts &counts = result.protocols[i];
-        printf("%s\"%s\": {\"frames\": %" PRIu64 ", \"bytes\": %" PRIu64, i != 0 ? ", " : "",
-               protocol_name(i), counts.packets, counts.bytes);
-        if (kChecksums[i] != kNoChecksum) {
-            printf(", \"good\": %" PRIu64 ", \"bad\": %" PRIu64, counts.good, counts.bad);
-            if (kChecksums[i] == kOptionalChecksum) printf(", \"absent\": %" PRIu64, counts.absent);
-            printf(", \"unverified\": %" PRIu64, counts.unverified);
-        }
-        printf("}");
-    }
-    printf("}, \"pools\": {");
+    for (size_t i = 0; i < kProtocols; i++)
+        print_json_protocol(i != 0 ? ", " : "", protocol_name(static_cast<int>(i)), result.protocols.known[i],
+                            kChecksums[i]);
+    for (const named_counts &other : result.protocols.others)
+        print_json_protocol(", ", other.name, other.counts, kOptionalChecksum);
+    printf("}, ");
+    print_json_connections(result);
+    printf(", \"pools\": {");
     for (int i = 0; i < kPools; i++) {
         const pool_state &pool = result.pools[i];
         printf("%s\"%s\": {\"block_size\": %" PRIu32 ", \"blocks\": %" PRIu32 ", \"out\": %" PRIu32

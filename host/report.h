@@ -10,6 +10,7 @@
 #include <string>
 
 #include "host/capture_reader.h"
+#include "host/connections.h"
 #include "host/heap_meter.h"
 #include "host/protocol_stack.h"
 
@@ -25,6 +26,7 @@ struct file_result {
     uint64_t cut_short = 0;  // frames of which less was captured than was on the wire
     double seconds = 0;      // from the first frame read to the last one done
     protocol_counts protocols = {};
+    connection_totals connections = {};
     std::array<pool_state, kPools> pools = {};  // when the file was done
 };
 

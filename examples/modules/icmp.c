@@ -6,15 +6,14 @@
 
 enum { kHeader = 8 };
 
-static uint64_t *verdict(zarn_data_t *data, const sample_network_header *network) {
-    if (network == NULL || network->fragment) return &gCounts.unverified;
-    if (data->length < kHeader || data->length < data->user_word_1) return &gCounts.unverified;
-    return gUtil->get_zarn_data_checksum(data, 0, data->length) == 0 ? &gCounts.good : &gCounts.bad;
+static sample_verdict check(zarn_data_t *data, const sample_network_header *network) {
+    if (network == NULL || network->part == SAMPLE_PART) return kUnverified;
+    if (data->length < kHeader || data->length < data->user_word_1) return kUnverified;
+    return gUtil->get_zarn_data_checksum(data, 0, data->length) == 0 ? kGood : kBad;
 }
 
 static void receive(zarn_data_t *data, const sample_network_header *network) {
-    count_arrival(data);
-    ++*verdict(data, network);
+    count_packet(data, network, check(data, network));
     gUtil->delete_zarn_data(data);
 }
 

@@ -5,27 +5,30 @@
 //
 //     static const sample_protocol_module gArp = SAMPLE_PROTOCOL("network/arp");
 //     const void *const modules[] = {&gArp, NULL};
+//
+// A module that needs more than the plain operations writes its record out.
 
 #ifndef SAMPLE_MODULE_H
 #define SAMPLE_MODULE_H
 
 #include "sample_protocol.h"
 
-#define SAMPLE_UPPERS 8
+#define SAMPLE_UPPERS 256  // one place for each IP protocol number; EtherTypes share them
 
-// The protocols that stand above one.
-typedef struct sample_uppers {
-    uint32_t keys[SAMPLE_UPPERS];
-    const sample_protocol_module *modules[SAMPLE_UPPERS];  // null: the place is free
-} sample_uppers;
+// Whom the packets of one key go to, as the roster has told.
+typedef struct sample_upper {
+    uint32_t key;
+    uint8_t known;                         // not 0: the roster was asked
+    const sample_protocol_module *module;  // null: nobody
+} sample_upper;
 
 static zarn_util_module_t *gUtil;
 static sample_counts gCounts;
-static sample_uppers gUppers;
+static sample_upper gUppers[SAMPLE_UPPERS];
 
 static void receive(zarn_data_t *data, const sample_network_header *network);
 
-static int32_t std_ops(int32_t op) {
+static inline int32_t start_or_stop(int32_t op) {
     switch (op) {
         case MODULE_START:
             return kern_module_acquire(ZARN_UTIL_MODULE_NAME, (void **)&gUtil);
@@ -37,47 +40,57 @@ static int32_t std_ops(int32_t op) {
 }
 
 // Nothing is kept for an endpoint.
-static int32_t init_protocol(proto_node *node) {
+static inline int32_t init_protocol(proto_node *node) {
     (void)node;
     return 0;
 }
 
-static int32_t uninit_protocol(proto_node *node) {
+static inline int32_t uninit_protocol(proto_node *node) {
     (void)node;
     return 0;
 }
 
-static int32_t attach(uint32_t key, const sample_protocol_module *upper) {
-    int free_place = SAMPLE_UPPERS;
-    for (int i = SAMPLE_UPPERS - 1; i >= 0; i--) {
-        if (gUppers.modules[i] == NULL) {
-            free_place = i;
-        } else if (gUppers.keys[i] == key) {
-            gUppers.modules[i] = upper;
-            return 0;
-        }
-    }
-    if (upper == NULL) return 0;
-    if (free_place == SAMPLE_UPPERS) return ERR_NO_MEMORY;
-    gUppers.keys[free_place] = key;
-    gUppers.modules[free_place] = upper;
-    return 0;
-}
-
-static inline const sample_protocol_module *find_upper(uint32_t key) {
+static inline const sample_protocol_module *upper_at(int32_t number) {
     for (int i = 0; i < SAMPLE_UPPERS; i++) {
-        if (gUppers.modules[i] != NULL && gUppers.keys[i] == key) return gUppers.modules[i];
+        if (gUppers[i].module != NULL && number-- == 0) return gUppers[i].module;
     }
     return NULL;
 }
 
-static void take_counts(sample_counts *counts) {
+// The protocol that packets with `key` go to, or null. `look_up` asks the roster, once for each key as long
+// as no other key takes its place.
+static inline const sample_protocol_module *find_upper(uint32_t key,
+                                                       int32_t (*look_up)(uint32_t key, void **table)) {
+    sample_upper *place = &gUppers[(key ^ key >> 8) % SAMPLE_UPPERS];
+    if (place->known && place->key == key) return place->module;
+    void *table = NULL;
+    int32_t status = look_up(key, &table);
+    if (status != 0 && status != ERR_NO_STACK && status != ERR_NO_FAMILY) gCounts.unloadable++;
+    const sample_protocol_module *module = (const sample_protocol_module *)table;
+    if (module != NULL && module->protocol.head.flags != SAMPLE_PROTOCOL_FLAGS) {
+        kern_log("%s doesn't receive packets: those that the settings have for it go to nobody\n",
+                 module->protocol.head.name);
+        module = NULL;
+    }
+    *place = (sample_upper){key, 1, module};
+    return place->module;
+}
+
+static inline void take_counts(sample_counts *counts) {
     *counts = gCounts;
     gCounts = (sample_counts){0};
 }
 
-#define SAMPLE_PROTOCOL(name) \
-    { {{name, 0, std_ops}, init_protocol, uninit_protocol}, receive, attach, take_counts }
+static inline void forget_uppers(void) {
+    for (int i = 0; i < SAMPLE_UPPERS; i++)
+        gUppers[i] = (sample_upper){0};
+}
+
+#define SAMPLE_PROTOCOL(name)                                                                              \
+    {                                                                                                      \
+        {{name, SAMPLE_PROTOCOL_FLAGS, start_or_stop}, init_protocol, uninit_protocol}, receive, upper_at, \
+            take_counts, forget_uppers, NULL                                                               \
+    }
 
 static inline void count_arrival(const zarn_data_t *data) {
     gCounts.packets++;
@@ -86,6 +99,10 @@ static inline void count_arrival(const zarn_data_t *data) {
 
 static inline uint16_t read16(const uint8_t *bytes) {
     return (uint16_t)(bytes[0] << 8 | bytes[1]);
+}
+
+static inline uint32_t read32(const uint8_t *bytes) {
+    return (uint32_t)read16(bytes) << 16 | read16(bytes + 2);
 }
 
 // `length` bytes of the packet from `offset` on in one piece, or null when they were not captured.
@@ -98,6 +115,38 @@ static inline const uint8_t *map_bytes(zarn_data_t *data, uint32_t offset, uint3
 static inline void strip_header(zarn_data_t *data, uint32_t length) {
     gUtil->trim_zarn_data(data, 0, length);
     data->user_word_1 -= length;
+}
+
+// Tells whoever wants to know. A notification that can't be delivered is gone.
+static inline void notify(uint32_t kind, uint32_t detail, const uint8_t *source, const uint8_t *destination) {
+    sample_notice notice;
+    for (int i = 0; i < 4; i++) {
+        notice.source[i] = source[i];
+        notice.destination[i] = destination[i];
+    }
+    gUtil->zarn_notify(kind, detail, &notice, sizeof(notice));
+}
+
+// What a look at the checksum of a packet has come to.
+typedef enum sample_verdict { kUnverified, kGood, kBad, kAbsent } sample_verdict;
+
+// Counts a packet of a protocol above the network layer. Who hands packets up by another way than the network
+// layer has no header to show.
+static inline void count_packet(const zarn_data_t *data, const sample_network_header *network,
+                                sample_verdict verdict) {
+    if (network != NULL && verdict == kBad)
+        notify(SAMPLE_NOTIFY_BAD_CHECKSUM, network->protocol, network->source, network->destination);
+    if (network != NULL && network->part == SAMPLE_REJOINED) {
+        gCounts.whole_good += verdict == kGood;
+        gCounts.whole_bad += verdict == kBad;
+        gCounts.whole_absent += verdict == kAbsent;
+        return;
+    }
+    count_arrival(data);
+    gCounts.good += verdict == kGood;
+    gCounts.bad += verdict == kBad;
+    gCounts.absent += verdict == kAbsent;
+    gCounts.unverified += verdict == kUnverified;
 }
 
 // Whether the first `length` bytes of the packet, not 0 and all of them captured, and the pseudo header of
@@ -115,6 +164,14 @@ static inline int transport_sum_ok(zarn_data_t *data, uint32_t length, const sam
     uint32_t checksum = gUtil->get_zarn_checksum(pseudo, sizeof(pseudo),
                                                  (uint16_t)gUtil->get_zarn_data_checksum(data, 0, length));
     return checksum == 0 || checksum == 0xffff;  // the two zeros of one's complement
+}
+
+// The node of the protocol `module` on an endpoint's chain, or null.
+static inline proto_node *find_node(const zarn_endpoint_t *ep, const sample_protocol_module *module) {
+    proto_node *node = ep->protocols;
+    while (node != NULL && node->module != &module->protocol)
+        node = node->next;
+    return node;
 }
 
 #endif

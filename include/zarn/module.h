@@ -29,7 +29,7 @@ extern "C" {
 
 typedef struct module_head {
     const char *name;  // the path under which clients ask for the module; what it is released by, too
-    uint32_t flags;    // 0
+    uint32_t flags;    // 0, or what modules of one kind know each other by; the loader doesn't read it
 
     // Called by the loader only, never twice at the same time. It answers any other value of `op` with -1.
     // The roster's lock may be held around the call, so it must not call get_outbound_protos,
@@ -64,6 +64,10 @@ int32_t kern_module_acquire(const char *path, void **table);
 
 // Gives one reference back. With the last one the module is stopped and unloaded. Blocks.
 int32_t kern_module_release(const char *path);
+
+// Adds to the kernel's log; the format is that of printf, and the text brings its own end of line. Thread
+// level.
+void kern_log(const char *format, ...);
 
 #ifdef __cplusplus
 }

@@ -160,8 +160,8 @@ std::string ipv4(const std::string &payload, const ipv4_fields &fields) {
     unsigned total = fields.total < 0 ? static_cast<unsigned>(length + payload.size())
                                       : static_cast<unsigned>(fields.total);
     std::string start = std::string(1, static_cast<char>(fields.version << 4 | length / 4)) +
-                        std::string(1, '\0') + big16(total) + big16(7) + big16(fields.fragment) + "\x40" +
-                        static_cast<char>(fields.protocol);
+                        std::string(1, '\0') + big16(total) + big16(fields.id) + big16(fields.fragment) +
+                        "\x40" + static_cast<char>(fields.protocol);
     std::string end = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + fields.options;
     std::string checksum = internet_checksum(start + big16(0) + end);
     if (fields.bad_checksum) checksum[1] ^= 1;
@@ -174,4 +174,13 @@ std::string udp(const std::string &payload, int length) {
     std::string pseudo = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + big16(17) + big16(size);
     std::string covered = (ports + big16(size) + big16(0) + payload).substr(0, size);
     return ports + big16(size) + internet_checksum(pseudo + covered) + payload;
+}
+
+std::string tcp(const std::string &payload, const tcp_fields &fields) {
+    auto big32 = [](uint32_t value) { return big16(value >> 16) + big16(value); };
+    std::string start = big16(fields.source) + big16(fields.destination) + big32(fields.sequence) +
+                        big32(fields.acknowledged) + "\x50" + static_cast<char>(fields.flags) + big16(65535);
+    std::string pseudo = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + big16(6) +
+                         big16(static_cast<unsigned>(20 + payload.size()));
+    return start + internet_checksum(pseudo + start + big16(0) + big16(0) + payload) + big16(0) + payload;
 }

@@ -54,10 +54,16 @@ struct ipv4_fields {
     unsigned version = 4;
     std::string options = "";
     unsigned fragment = 0;  // the flags and offset word
-    int total = -1;         // the total length, -1 for the right one
+    unsigned id = 7;
+    int total = -1;  // the total length, -1 for the right one
     bool bad_checksum = false;
 };
 std::string ipv4(const std::string &payload, const ipv4_fields &fields = {});
 std::string udp(const std::string &payload, int length = -1);
+struct tcp_fields {
+    unsigned source = 4000, destination = 80, flags = 16;
+    uint32_t sequence = 0, acknowledged = 0;
+};
+std::string tcp(const std::string &payload, const tcp_fields &fields);
 
 #endif
