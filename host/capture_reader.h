@@ -4,11 +4,13 @@
 //
 // - A frame's bytes belong to the reader until the next call. One thread at a time.
 // - Files are pcap of either byte order with micro- or nanoseconds, and pcapng.
+// - Frames come whole as they were recorded, also when they are longer than the file's snap length.
 
 #ifndef ZARN_HOST_CAPTURE_READER_H
 #define ZARN_HOST_CAPTURE_READER_H
 
 #include <cstdint>
+#include <cstdio>
 #include <string>
 
 enum class capture_status {
@@ -23,6 +25,9 @@ enum class capture_status {
 // "ok", "cut", ...
 const char *capture_status_name(capture_status status);
 
+// Bytes that a frame can have been captured with; a longer one is taken for damage.
+constexpr uint32_t kMostCaptured = 262144;
+
 struct captured_frame {
     const uint8_t *bytes;
     uint32_t captured;  // bytes at `bytes`
@@ -30,11 +35,17 @@ struct captured_frame {
     bool ethernet;      // recorded on an interface whose link type is Ethernet
 };
 
+// Stays where it is while it is open.
 struct capture_reader {
-    struct pcap *pcap = nullptr;
+    FILE *file = nullptr;
+    struct pcap *pcap = nullptr;             // reads the classic format
+    struct pcapng_reader *pcapng = nullptr;  // or this one the other
+    // The head of a classic file, which was read to tell the format, and how much of it the library has got.
+    uint8_t head[24] = {};
+    size_t head_size = 0, head_given = 0;
     capture_status status = capture_status::kOk;  // other than kOk once something was wrong
     std::string error;                            // then one line for people, without the file's name
-    std::string link_name;                        // the link type, for people
+    std::string link_name;                        // the last link type but Ethernet, for people
     uint64_t size = 0;                            // bytes of the file, 0 when not known
 };
 
