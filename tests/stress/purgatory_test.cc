@@ -2,13 +2,14 @@
 
 #include "data/purgatory.h"
 
+#include <sched.h>
 #include <signal.h>
 #include <time.h>
+#include <ucontext.h>
 
 #include <chrono>
 #include <cstring>
 #include <deque>
-#include <mutex>
 #include <string>
 #include <utility>
 
@@ -162,23 +163,37 @@ TEST_F(stress_test, InterruptsDeleteWhatThreadsShare) {
     EXPECT_GT(gInterruptDeletions, 0u) << "of " << gInterrupts << " interrupts";
 }
 
-// Starts and stops with deletions around them: a wake-up that is lost stops the test for good, a stop that returns
-// before the thread has left or with a buffer left behind is seen, and a thread that finds its semaphore dead makes the
-// kernel log a line.
-TEST(purgatory_storm, StartsAndStopsLoseNothing) {
-    const int rounds = stress_rounds(2000);
-    static std::mutex gLock;
-    static std::string gLog;
-    hosted_set_log(
-        [](void *, const char *text) {
-            std::lock_guard held(gLock);
-            gLog += text;
-        },
-        nullptr);
-    hosted_counts before = hosted_count_objects();
-    ASSERT_EQ(init_mempool(), 0);
-    gFrees = 0;
+// The purgatory without the other services, started and stopped by the tests themselves. A thread that finds its
+// semaphore dead, because the stop returned before it had left, makes the kernel log a line.
+class purgatory_storm : public ::testing::Test {
+ protected:
+    void SetUp() override {
+        log_.clear();
+        hosted_set_log([](void *log, const char *text) { *static_cast<std::string *>(log) += text; }, &log_);
+        before_ = hosted_count_objects();
+        ASSERT_EQ(init_mempool(), 0);
+        gFrees = 0;
+    }
+    void TearDown() override {
+        EXPECT_TRUE(hosted_wait_for_threads(before_.threads, 5000000));
+        EXPECT_EQ(hosted_count_objects().semaphores, before_.semaphores);
+        EXPECT_EQ(uninit_mempool(), 0);
+        gMP = {};
+        hosted_set_log(nullptr, nullptr);
+        EXPECT_EQ(log_, "");
+    }
+
     std::deque<element> elements;
+
+ private:
+    std::string log_;  // the kernel logs one line at a time
+    hosted_counts before_;
+};
+
+// Starts and stops with deletions around them: a wake-up that is lost stops the test for good, a buffer that is left
+// behind is seen.
+TEST_F(purgatory_storm, StartsAndStopsLoseNothing) {
+    const int rounds = stress_rounds(2000);
     dice die(7);
     std::atomic<int> turn{0};
     std::atomic<uint32_t> deletions{0};
@@ -210,12 +225,73 @@ TEST(purgatory_storm, StartsAndStopsLoseNothing) {
         ASSERT_EQ(gPurgy.stack.top.pointer, &gPurgy.stack.sentinel);
     }
     other.join();
-    EXPECT_TRUE(hosted_wait_for_threads(before.threads, 5000000));
-    EXPECT_EQ(hosted_count_objects().semaphores, before.semaphores);
-    EXPECT_EQ(uninit_mempool(), 0);
-    gMP = {};
-    hosted_set_log(nullptr, nullptr);
-    EXPECT_EQ(gLog, "");
+}
+
+// Steps the purgatory's thread through its own code, one instruction at a time, and holds it behind a number of them, or
+// in front of its acquire.
+std::atomic<int> gStepsLeft;
+std::atomic<bool> gHeld, gAtAcquire, gGoOn;
+
+void step(int, siginfo_t *, void *context) {
+    constexpr greg_t kTrapFlag = 0x100;
+#if defined(__x86_64__)
+    constexpr int kInstruction = REG_RIP;
+#else
+    constexpr int kInstruction = REG_EIP;
+#endif
+    auto &registers = static_cast<ucontext_t *>(context)->uc_mcontext.gregs;
+    gAtAcquire =
+        static_cast<uintptr_t>(registers[kInstruction]) == reinterpret_cast<uintptr_t>(kern_sem_acquire_ex);
+    if (gStepsLeft-- > 0 && !gAtAcquire) {
+        registers[REG_EFL] |= kTrapFlag;
+        return;
+    }
+    registers[REG_EFL] &= ~kTrapFlag;
+    gHeld = true;
+    while (!gGoOn)
+        sched_yield();
+}
+
+// The thread is held at every single instruction from a free function to the acquire of its sleep. Buffers are deleted
+// and the stop comes meanwhile; then the thread goes on, and must neither sleep for good nor leave a buffer behind.
+TEST_F(purgatory_storm, AStopFindsTheThreadAtEveryInstruction) {
+#if defined(__SANITIZE_THREAD__)
+    GTEST_SKIP() << "the thread would be held inside the sanitizer";
+#endif
+    struct sigaction action = {}, before;
+    action.sa_sigaction = step;
+    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    ASSERT_EQ(sigaction(SIGTRAP, &action, &before), 0);
+    int steps = 0;
+    for (gAtAcquire = false; !gAtAcquire; ++steps) {
+        for (int deletions : {0, 2}) {
+            gHeld = gGoOn = false;
+            gStepsLeft = steps;
+            ASSERT_EQ(init_data_purgatory(0), 0);
+            zarn_data_t *first = new_zarn_data();
+            ASSERT_EQ(add_free_element(
+                          first, first, nullptr, [](void *) { raise(SIGTRAP); }, 0),
+                      0);
+            isafe_delete_zarn_data(first);
+            while (!gHeld)
+                std::this_thread::yield();
+            for (int i = 0; i < deletions; ++i)
+                isafe_delete_zarn_data(new_packet(&elements.emplace_back(), 1, false));
+
+            int32_t sem = gPurgy.sem;
+            std::thread stop([] { EXPECT_EQ(uninit_data_purgatory(), 0); });
+            while (__atomic_load_n(&gPurgy.running, __ATOMIC_ACQUIRE) != 0)
+                std::this_thread::yield();
+            for (int i = 0; i < 100 && hosted_count_waiters(sem) != 1; ++i)  // the stop may poll instead
+                std::this_thread::yield();
+            gGoOn = true;
+            stop.join();
+            ASSERT_EQ(gFrees, static_cast<int>(elements.size())) << "step " << steps;
+            ASSERT_TRUE(hosted_wait_for_threads(0, 5000000));
+        }
+    }
+    EXPECT_GT(steps, 50) << "the thread wasn't held on its way";
+    ASSERT_EQ(sigaction(SIGTRAP, &before, nullptr), 0);
 }
 
 }  // namespace
