@@ -222,6 +222,7 @@ int32_t map_to_zarn_data(zarn_data_t *data, uint32_t offset, void **out, uint32_
     for (;;) {
         data_place place = locate_data(data, offset);
         const mem_node *node = *place.link;
+        if (node == nullptr) return -1;  // the list is shorter than the length says
         if (node->len - place.distance >= length) {
             *out = (uint8_t *)node->base + place.distance;
             return 0;

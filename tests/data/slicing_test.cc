@@ -255,6 +255,8 @@ TEST_F(slicing_test, ACorruptBufferHaltsTheSystem) {
         data->length = 9;
         EXPECT_DEATH(trim_zarn_data(data, 2, 7),
                      "trimming data .* of length 9 at offset 2 size 7 with no memnodes!\n");
+        void *out = nullptr;
+        EXPECT_EQ(map_to_zarn_data(data, 5, &out, 2), -1);
         data->length = length;
         delete_zarn_data(data);
     }
