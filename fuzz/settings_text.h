@@ -11,14 +11,13 @@
 
 #include "platform/kern.h"
 
-// The word in quotes. Every character that may be written as an escape is, when `all` says so.
-inline std::string quote_word(const std::string &word, bool all = false) {
+inline std::string quote_word(const std::string &word) {
     std::string text = "\"";
     for (const char character : word) {
         const auto byte = static_cast<unsigned char>(character);
         if (character == '"' || character == '\\') {
             text.append(1, '\\').append(1, character);
-        } else if (all || byte < ' ' || byte == 127) {
+        } else if (byte < ' ' || byte == 127) {
             char escape[5];
             snprintf(escape, sizeof escape, "\\x%02x", byte);
             text += character == '\n' ? "\\n" : character == '\t' ? "\\t" : escape;

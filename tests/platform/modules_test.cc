@@ -4,9 +4,9 @@
 #include <atomic>
 #include <functional>
 #include <map>
-#include <thread>
 
 #include "tests/platform/support.h"
+#include "tests/support/background.h"
 
 namespace {
 
@@ -140,16 +140,14 @@ TEST_F(modules, circle_over_two_threads_does_not_hang) {
     gOps[kFirst] = acquire_the_other(kSecond);
     gOps[kSecond] = acquire_the_other(kFirst);
     std::atomic<int> failed{0};
-    auto use = [&](const char *path) {
+    run_threads(2, [&](int i) {
         void *table;
+        const char *path = i == 0 ? kFirst : kSecond;
         if (kern_module_acquire(path, &table) < 0)
             failed++;
         else
             EXPECT_EQ(kern_module_release(path), 0);
-    };
-    std::thread one(use, kFirst), two(use, kSecond);
-    one.join();
-    two.join();
+    });
     EXPECT_GE(failed, 1);
     EXPECT_GE(logged("by its own start"), 1) << log_;
 }
@@ -163,18 +161,14 @@ TEST_F(modules, threads_that_come_together_share_one_start) {
         running--;
         return 0;
     };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; i++)
-        threads.emplace_back([&] {
-            for (int round = 0; round < 50; round++) {
-                void *table;
-                ASSERT_EQ(kern_module_acquire(kFirst, &table), 0);
-                EXPECT_GT(starts, stops) << "started, and not stopped under a reference";
-                EXPECT_EQ(kern_module_release(kFirst), 0);
-            }
-        });
-    for (std::thread &thread : threads)
-        thread.join();
+    run_threads(4, [&](int) {
+        for (int round = 0; round < 50; round++) {
+            void *table;
+            ASSERT_EQ(kern_module_acquire(kFirst, &table), 0);
+            EXPECT_GT(starts, stops) << "started, and not stopped under a reference";
+            EXPECT_EQ(kern_module_release(kFirst), 0);
+        }
+    });
     EXPECT_EQ(starts, stops);
     EXPECT_EQ(log_, "");
 }

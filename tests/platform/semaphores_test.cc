@@ -13,6 +13,7 @@
 #include <vector>
 
 #include "tests/platform/support.h"
+#include "tests/support/background.h"
 
 namespace {
 
@@ -25,15 +26,9 @@ int32_t try_acquire(int32_t sem, int32_t units = 1) {
 }
 
 // A thread in an acquire, and its result.
-struct sleeper {
-    std::atomic<int32_t> result{1};
-    std::thread thread;
-    sleeper(int32_t sem, int32_t units = 1, uint32_t flags = 0, int64_t timeout = 0)
-        : thread([=, this] { result = kern_sem_acquire_ex(sem, units, flags, timeout); }) {}
-    int32_t join() {
-        if (thread.joinable()) thread.join();
-        return result;
-    }
+struct sleeper : background {
+    explicit sleeper(int32_t sem, int32_t units = 1, uint32_t flags = 0, int64_t timeout = 0)
+        : background([=] { return kern_sem_acquire_ex(sem, units, flags, timeout); }) {}
 };
 
 TEST_F(semaphores, refuse_what_is_out_of_range_and_keep_their_units) {
@@ -63,17 +58,12 @@ TEST_F(semaphores, releasing_thread_does_not_get_its_own_units_back) {
         EXPECT_EQ(second.join(), 0);
     }
     // The same with a return: two get a unit each, give it back, and the releaser collects both.
-    std::vector<std::thread> guests;
-    for (int i = 0; i < 2; i++)
-        guests.emplace_back([=] {
-            EXPECT_EQ(kern_sem_acquire(sem), 0);
-            EXPECT_EQ(kern_sem_release(sem), 0);
-        });
+    const auto visit = [=] { return kern_sem_acquire(sem) | kern_sem_release(sem); };
+    background one(visit), two(visit);
     ASSERT_TRUE(waiters_become(sem, 2));
     EXPECT_EQ(kern_sem_release_ex(sem, 2, KERN_SEM_NO_RESCHEDULE), 0);
     EXPECT_EQ(kern_sem_acquire_ex(sem, 2, 0, 0), 0);
-    for (std::thread &guest : guests)
-        guest.join();
+    EXPECT_EQ(one.join() | two.join(), 0);
     EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
     EXPECT_EQ(kern_sem_delete(sem), 0);
 }
@@ -118,25 +108,18 @@ TEST_F(semaphores, no_unit_is_lost_between_release_and_timeout) {
     int32_t sem = kern_sem_create(0, "race");
     constexpr int kUnits = 3000;
     std::atomic<int> taken{0};
-    std::vector<std::thread> consumers;
-    for (int i = 0; i < 3; i++)
-        consumers.emplace_back([&, i] {
-            for (int64_t timeout = 1; taken < kUnits; timeout = (timeout * 7 + i) % 97) {
-                int32_t status = kern_sem_acquire_ex(sem, 1, kTimed, timeout);
-                if (status == 0)
-                    taken++;
-                else
-                    ASSERT_TRUE(status == KERN_ERR_TIMED_OUT || status == KERN_ERR_WOULD_BLOCK)
-                        << std::hex << status;
-            }
-        });
-    for (int i = 0; i < kUnits; i++) {
-        EXPECT_EQ(kern_sem_release_ex(sem, 1, KERN_SEM_NO_RESCHEDULE), 0);
-        if (i % 16 == 0)
-            kern_sem_acquire_ex(sem, INT32_MAX, kTimed, 20);  // blocks the head of the line for a while
-    }
-    for (std::thread &consumer : consumers)
-        consumer.join();
+    run_threads(4, [&](int i) {
+        for (int unit = 0; i == 3 && unit < kUnits; unit++) {
+            EXPECT_EQ(kern_sem_release_ex(sem, 1, KERN_SEM_NO_RESCHEDULE), 0);
+            if (unit % 16 == 0)
+                kern_sem_acquire_ex(sem, INT32_MAX, kTimed, 20);  // blocks the head of the line for a while
+        }
+        for (int64_t timeout = 1; i < 3 && taken < kUnits; timeout = (timeout * 7 + i) % 97) {
+            int32_t status = kern_sem_acquire_ex(sem, 1, kTimed, timeout);
+            taken += status == 0;
+            ASSERT_TRUE(status == 0 || status == KERN_ERR_TIMED_OUT || status == KERN_ERR_WOULD_BLOCK);
+        }
+    });
     EXPECT_EQ(taken, kUnits);
     EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
     EXPECT_EQ(kern_sem_delete(sem), 0);
@@ -220,13 +203,13 @@ TEST_F(semaphores, a_signal_ends_an_interruptible_wait_only) {
         sleeper nervous(sem, 1, KERN_SEM_INTERRUPTIBLE | kTimed, 60000000);
         ASSERT_TRUE(waiters_become(sem, 2));
         for (int i = 0; i < 3; i++)
-            pthread_kill(nervous.thread.native_handle(), SIGUSR2);
+            pthread_kill(nervous.handle(), SIGUSR2);
         for (int i = 0; i < 3; i++)
-            pthread_kill(patient.thread.native_handle(), SIGUSR1);
+            pthread_kill(patient.handle(), SIGUSR1);
         kern_sleep_us(200);
         EXPECT_EQ(hosted_count_waiters(sem), 2)
             << "neither an interrupt nor a signal to the patient one ends a wait";
-        pthread_kill(nervous.thread.native_handle(), SIGUSR1);
+        pthread_kill(nervous.handle(), SIGUSR1);
         EXPECT_EQ(nervous.join(), KERN_ERR_INTERRUPTED);
         EXPECT_EQ(kern_sem_release(sem), 0);
         EXPECT_EQ(patient.join(), 0);

@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// The settings of the hosted kernel: texts against trees and against the place of the mistake, flat keys, files.
+// The settings of the hosted kernel: texts against trees and places of mistakes, flat keys, files.
 
 #include "platform/hosted/settings.h"
 
@@ -10,7 +10,6 @@
 #include <cstdlib>
 #include <filesystem>
 #include <fstream>
-#include <random>
 #include <string>
 #include <thread>
 #include <utility>
@@ -19,43 +18,38 @@
 #include "fuzz/settings_text.h"
 #include "platform/hosted/settings_parser.h"
 #include "tests/platform/support.h"
+#include "tests/support/background.h"
 
-// The parser and the loads ask for memory in this form only. With gRefusals at n, the n-th request from now on fails.
+// The parser and the loads ask for memory in these forms only. With gRefusals at n, the n-th request fails.
 static thread_local int gRefusals;
 static thread_local int gBlocks;
 
-static void *ask_memory(size_t size) noexcept {
+void *operator new(size_t size, const std::nothrow_t &) noexcept {
     if (gRefusals > 0 && --gRefusals == 0) return nullptr;
     ++gBlocks;
     return malloc(size);
 }
-static void give_memory(void *block) noexcept {
+void *operator new[](size_t size, const std::nothrow_t &how) noexcept {
+    return operator new(size, how);
+}
+void *operator new(size_t size) {
+    return operator new(size, std::nothrow);
+}
+void *operator new[](size_t size) {
+    return operator new(size, std::nothrow);
+}
+void operator delete(void *block) noexcept {
     gBlocks -= block != nullptr;
     free(block);
 }
-void *operator new(size_t size, const std::nothrow_t &) noexcept {
-    return ask_memory(size);
-}
-void *operator new[](size_t size, const std::nothrow_t &) noexcept {
-    return ask_memory(size);
-}
-void *operator new(size_t size) {
-    return ask_memory(size);
-}
-void *operator new[](size_t size) {
-    return ask_memory(size);
-}
-void operator delete(void *block) noexcept {
-    give_memory(block);
-}
 void operator delete[](void *block) noexcept {
-    give_memory(block);
+    operator delete(block);
 }
 void operator delete(void *block, size_t) noexcept {
-    give_memory(block);
+    operator delete(block);
 }
 void operator delete[](void *block, size_t) noexcept {
-    give_memory(block);
+    operator delete(block);
 }
 
 namespace {
@@ -153,75 +147,6 @@ TEST(SettingsParser, NamesThePlaceOfTheMistake) {
     };
     for (const reading &row : kReadings)
         EXPECT_EQ(read(row.text), row.expected) << row.text.substr(0, 80);
-}
-
-// A random tree, written as `text` in a random way and as `plain` in the way of print_settings.
-class random_tree {
- public:
-    explicit random_tree(uint32_t seed) : random_(seed) { parameters(0); }
-    std::string text, plain;
-
- private:
-    size_t below(size_t count) { return random_() % count; }
-
-    void word() {
-        std::string word;
-        for (size_t left = below(8); left > 0; --left)
-            word += static_cast<char>(below(3) == 0 ? 1 + below(255) : 'a' + below(26));
-        plain += print_word(word);
-        text += below(2) == 0 ? quote_word(word, below(2) == 0) : print_word(word);
-    }
-
-    void blanks() {
-        for (size_t left = below(3); left > 0; --left)
-            text += " \t"[below(2)];
-    }
-
-    void end_line() {
-        static const char *const kEnds[] = {"\n", ";", "\r\n", " ; ", "# {\"\\\n", "\n\n\t", ";# }\r\n"};
-        text += kEnds[below(std::size(kEnds))];
-    }
-
-    void parameters(int depth) {
-        const size_t count = below(depth == 0 ? 6 : 4);
-        for (size_t i = 0; i < count; ++i) {
-            if (i > 0) plain += "; ";
-            blanks();
-            word();
-            for (size_t left = below(4); left > 0; --left) {
-                text += below(4) == 0 ? "\t" : " ";
-                plain += ' ';
-                word();
-            }
-            blanks();
-            if (depth < 5 && below(3) == 0) {
-                text += '{';
-                const size_t before = plain.size();
-                plain += " { ";
-                if (below(2) == 0) end_line();
-                parameters(depth + 1);
-                if (plain.size() == before + 3)
-                    plain.resize(before);
-                else
-                    plain += " }";
-                text += '}';
-                if (below(4) == 0) continue;
-            } else if (depth > 0 && i == count - 1 && below(2) == 0) {
-                continue;
-            }
-            end_line();
-        }
-        blanks();
-    }
-
-    std::mt19937 random_;
-};
-
-TEST(SettingsParser, ReadsWhatWasWritten) {
-    for (uint32_t seed = 0; seed < 3000; ++seed) {
-        const random_tree tree(seed);
-        ASSERT_EQ(read(tree.text), tree.plain) << "seed " << seed << "\n" << tree.text;
-    }
 }
 
 class Settings : public hosted_test {
@@ -350,7 +275,7 @@ TEST_F(Settings, ReadsAPipeToItsEnd) {
     kern_settings_unload(handle);
 }
 
-// Every request for memory fails once: the file is refused with a line, nothing stays behind, and the next load works.
+// Every request for memory fails once: the file is refused with a line, and nothing stays behind.
 TEST_F(Settings, RefusesAFileWhenMemoryRunsOut) {
     write(repeat("a 1 2 { b 3 { c 4 } }\n", 40));
     for (int n = 1; n < 200; ++n) {
@@ -375,19 +300,14 @@ TEST_F(Settings, RefusesAFileWhenMemoryRunsOut) {
 
 TEST_F(Settings, AreReadByManyThreadsAtOnce) {
     const std::string good = write("key 1\ndomains { 2 { in { 6 tcp } } }\n");
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i) {
-        threads.emplace_back([&good, i] {
-            for (int round = 0; round < 200; ++round) {
-                void *handle = kern_settings_load("zarn.conf");
-                EXPECT_EQ(kern_settings_bool(handle, "key", 0, 0), 1);
-                if (i == 0) hosted_set_settings_file("zarn.conf", round % 2 == 0 ? good.c_str() : nullptr);
-                EXPECT_EQ(kern_settings_unload(handle), 0);
-            }
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
+    run_threads(4, [&good](int i) {
+        for (int round = 0; round < 200; ++round) {
+            void *handle = kern_settings_load("zarn.conf");
+            EXPECT_EQ(kern_settings_bool(handle, "key", 0, 0), 1);
+            if (i == 0) hosted_set_settings_file("zarn.conf", round % 2 == 0 ? good.c_str() : nullptr);
+            EXPECT_EQ(kern_settings_unload(handle), 0);
+        }
+    });
 }
 
 }  // namespace

@@ -2,15 +2,13 @@
 
 #include "sync/zarn_timer.h"
 
-#include <memory>
-
 #include "tests/support/stress.h"
 
 namespace {
 
 // Memory that a hook uses, and that goes as soon as the deletion of the timer has returned.
 struct guarded {
-    explicit guarded(int64_t period_) : timer(create_zarn_timer(fire, this)), period(period_) {}
+    explicit guarded(int64_t period_ = 0) : timer(create_zarn_timer(fire, this)), period(period_) {}
     ~guarded() {
         delete_zarn_timer(timer);
         EXPECT_FALSE(inside) << "deleted under its hook";
@@ -31,25 +29,20 @@ struct guarded {
 };
 
 TEST_F(stress_test, TimersAreArmedCancelledAndDeletedFromEverywhere) {
-    const int rounds = stress_rounds(60);
-    run_threads(3, [&](int i) {
+    run_threads(3, [rounds = stress_rounds(60)](int i) {
         dice die(i);
         for (int round = 0; round < rounds; ++round) {
             std::unique_ptr<guarded> timers[16];
             for (auto &timer : timers)
                 timer = std::make_unique<guarded>(die.roll(2) * die.roll(5000));
             for (int step = 0; step < 100; ++step) {
-                guarded &timer = *timers[die.roll(16)];
-                switch (die.roll(4)) {
-                    case 0:
-                        zarn_cancel_timer(timer.timer);
-                        break;
-                    case 1:
-                        EXPECT_GE(zarn_timer_appointment(timer.timer), 0);
-                        break;
-                    default:
-                        zarn_set_timer(timer.timer, die.roll(8000), static_cast<uint8_t>(die.roll(2)));
-                }
+                zarn_timer_t *timer = timers[die.roll(16)]->timer;
+                if (die.roll(4) == 0)
+                    zarn_cancel_timer(timer);
+                else if (die.roll(3) == 0)
+                    EXPECT_GE(zarn_timer_appointment(timer), 0);
+                else
+                    zarn_set_timer(timer, die.roll(8000), static_cast<uint8_t>(die.roll(2)));
             }
             if (round % 4 == 0) kern_sleep_us(5000);
         }
@@ -58,20 +51,18 @@ TEST_F(stress_test, TimersAreArmedCancelledAndDeletedFromEverywhere) {
 
 // Each timer is armed once and never touched again until it has fired.
 TEST_F(stress_test, EveryTimerFiresOnceAndNotEarly) {
-    const int count = stress_rounds(300);
-    run_threads(3, [&](int i) {
+    run_threads(3, [count = stress_rounds(300)](int i) {
         dice die(i);
         std::vector<std::unique_ptr<guarded>> timers;
         for (int n = 0; n < count; ++n) {
-            timers.push_back(std::make_unique<guarded>(0));
+            timers.push_back(std::make_unique<guarded>());
             int64_t delay = die.roll(60000);
             timers.back()->not_before = kern_time_us() + delay;
             zarn_set_timer(timers.back()->timer, delay, 1);
         }
-        for (auto &timer : timers) {
+        for (auto &timer : timers)
             while (zarn_timer_appointment(timer->timer) != 0)
                 kern_sleep_us(1000);
-        }
         // A deletion comes back behind the pass, so that what the hooks wrote can be read.
         delete_zarn_timer(create_zarn_timer(guarded::fire, nullptr));
         for (auto &timer : timers)

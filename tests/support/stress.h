@@ -1,43 +1,23 @@
 // SPDX-License-Identifier: MIT
 //
-// What the stress tests share: how long they run, and several threads that start together. They stand on the hosted
-// kernel with real threads; that they end, and what the sanitizers say, is half of what they test.
+// What the stress tests share. They stand on the hosted kernel with real threads; that they end, and what the
+// sanitizers say, is half of what they test.
 
 #ifndef ZARN_TESTS_SUPPORT_STRESS_H
 #define ZARN_TESTS_SUPPORT_STRESS_H
 
 #include <gtest/gtest.h>
 
-#include <atomic>
-#include <cstdint>
 #include <cstdlib>
-#include <thread>
-#include <vector>
 
 #include "module/zarn_util.h"
 #include "platform/hosted/hosted_kernel.h"
+#include "tests/support/background.h"
 
 // A test's own few rounds, times the environment's ZARN_STRESS_ROUNDS.
 inline int stress_rounds(int few) {
     const char *factor = getenv("ZARN_STRESS_ROUNDS");
     return factor != nullptr && atoi(factor) > 0 ? few * atoi(factor) : few;
-}
-
-// Runs `work(i)` on `count` threads at once and waits for them all.
-template <typename function>
-void run_threads(int count, function work) {
-    std::atomic<int> missing{count};
-    std::vector<std::thread> threads;
-    for (int i = 0; i < count; ++i) {
-        threads.emplace_back([&, i] {
-            --missing;
-            while (missing != 0)
-                std::this_thread::yield();
-            work(i);
-        });
-    }
-    for (std::thread &thread : threads)
-        thread.join();
 }
 
 // A small generator for each thread.
@@ -50,8 +30,8 @@ struct dice {
     uint32_t state;
 };
 
-// All services are up, and nothing of the kernel's may be left behind. Lines of the log are dropped: whoever deletes
-// a lock under its waiters makes the kernel complain of each.
+// All services are up, and nothing of the kernel's may be left behind. The log is dropped: whoever deletes a lock
+// under its waiters makes the kernel complain of each.
 class stress_test : public ::testing::Test {
  protected:
     void SetUp() override {
