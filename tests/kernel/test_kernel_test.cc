@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the other tests rest on: the line of a semaphore, the clock, stopping points, faults, and that a
-// leak or a violation is really seen.
+// What the other tests rest on and wouldn't miss: the line of a semaphore, faults, and that a leak or a violation
+// is really seen.
 
 #include <gtest/gtest.h>
 
@@ -67,51 +67,6 @@ TEST_F(test_kernel_test, WhoLeavesTheLineTakesNoUnitAlong) {
     EXPECT_EQ(kern_sem_release(sem), kDeadSemaphore);
 }
 
-int32_t sleep_thrice(void *count) {
-    for (int i = 0; i < 3; ++i) {
-        kern_sleep_us(100);
-        ++*static_cast<int *>(count);
-    }
-    return 0;
-}
-
-TEST_F(test_kernel_test, AThreadSleepsUntilTheClockIsAdvancedFarEnough) {
-    int count = 0;
-    int32_t thread = kern_thread_spawn(sleep_thrice, "sleeper", 7, &count);
-    EXPECT_EQ(thread_id("sleeper"), thread);
-    EXPECT_NE(leftovers().find("\"sleeper\" suspended"), std::string::npos);
-    EXPECT_EQ(kern_thread_resume(thread), 0);
-    for (int passes = 0; passes < 3; ++passes) {
-        wait_until_asleep("sleeper");
-        EXPECT_EQ(count, passes);
-        advance(99);
-        wait_until_asleep("sleeper");
-        EXPECT_EQ(count, passes);
-        advance(1);
-    }
-    wait_until_gone("sleeper");
-    EXPECT_EQ(count, 3);
-}
-
-TEST_F(test_kernel_test, AStoppingPointHoldsTheCallBeforeItsEffect) {
-    int32_t sem = kern_sem_create(0, "window");
-    {
-        stopping_point window("sem_acquire", "window");
-        acquirer contender(sem, 1);
-        window.wait();
-        EXPECT_EQ(sem_waiters(sem), 0);
-        EXPECT_EQ(kern_sem_release(sem), 0);
-        EXPECT_EQ(sem_count(sem), 1) << "the contender must not stand in line yet";
-        window.go_on();
-        EXPECT_EQ(contender.join(), 0);
-    }
-    EXPECT_EQ(journal("sem_"),
-              (std::vector<std::string>{"sem_create \"window\" 0", "sem_release \"window\" 1 0",
-                                        "sem_acquire \"window\" 1 0"}));
-    EXPECT_EQ(sem_calls(), 2);
-    kern_sem_delete(sem);
-}
-
 TEST_F(test_kernel_test, TheCallThatWasAskedForFails) {
     auto creates = [] {
         std::string result;
@@ -166,27 +121,6 @@ TEST_F(test_kernel_test, WhatIsLeftAndWhatIsForbiddenIsNamed) {
     for (const char *call : {"sem_release", "sem_acquire"})
         EXPECT_NE(violations.find(call), std::string::npos) << call;
     kern_sem_delete(sem);
-}
-
-TEST_F(test_kernel_test, SettingsKeepTheOrderAndTheShapeOfTheText) {
-    provide_settings("zarn.conf", R"(
-        count 42   # a comment
-        "" "two words" {
-            inner
-        }
-        on yes
-    )");
-    void *handle = kern_settings_load("zarn.conf");
-    EXPECT_STREQ(kern_settings_string(handle, "count", "?", "none"), "42");
-    EXPECT_STREQ(kern_settings_string(handle, "inner", "?", "none"), "?");
-    EXPECT_EQ(kern_settings_bool(handle, "on", 0, 0), 1);
-    const settings_tree *tree = kern_settings_tree(handle);
-    ASSERT_EQ(tree->parameter_count, 3);
-    EXPECT_STREQ(tree->parameters[1].name, "");
-    EXPECT_STREQ(tree->parameters[1].values[0], "two words");
-    EXPECT_STREQ(tree->parameters[1].children[0].name, "inner");
-    EXPECT_EQ(tree->parameters[1].children[0].value_count, 0);
-    kern_settings_unload(handle);
 }
 
 }  // namespace
