@@ -47,25 +47,22 @@ inline const checksum_form *widest_form() {
 template <bool kCopy>
 uint32_t sum_pieces(zarn_data_t *data, uint32_t offset, uint8_t *dest, uint32_t length) {
     data_place place = locate_data(data, offset);
-    const mem_node *node = *place.link;
-    offset = place.distance;
-
+    uint32_t skipped = place.distance;
     uint32_t total = 0;
     uint32_t done = 0;
-    for (;;) {
-        const uint8_t *piece = static_cast<const uint8_t *>(node->base) + offset;
+    for (const mem_node *node = *place.link; node != nullptr && done < length; node = node->next) {
+        const uint8_t *piece = static_cast<const uint8_t *>(node->base) + skipped;
         uint32_t rest = length - done;
-        uint32_t size = node->len - offset < rest ? node->len - offset : rest;
+        uint32_t size = node->len - skipped < rest ? node->len - skipped : rest;
         uint32_t sum = kCopy ? cpysum(dest + done, piece, size) : chksum(piece, size);
-        // Pairs are counted from the start of the range, so an odd distance puts every byte of the piece in
-        // its other half.
+        // Pairs are counted from the start of the range, so an odd distance puts every byte of the piece in its
+        // other half.
         if (done & 1) sum = swap_halves(sum);
         total = fold(total + sum);
         done += size;
-        if (done == length) return ~total & 0xffff;
-        node = node->next;
-        offset = 0;
+        skipped = 0;
     }
+    return ~total & 0xffff;
 }
 
 }  // namespace
