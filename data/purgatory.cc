@@ -47,7 +47,7 @@ data_purgatory gPurgy;
 static int32_t gThreadLeft;  // 1 once the thread has nothing more to do but its last release
 
 static constexpr int32_t kThreadPriority = 5;
-static constexpr int32_t kYieldsBeforeSleep = 10000;
+static constexpr int32_t kPollsBeforeSleep = 10000;
 static constexpr int64_t kStopPollUs = 1000;
 
 // `count` is a hint: an update may be lost between the load and the store, and the next wake-up comes
@@ -149,7 +149,7 @@ int32_t uninit_data_purgatory() {
         // The wake-up of a thread on its way into the line (case 4). The way is a few instructions long.
         kern_sem_release_ex(gPurgy.sem, 1, KERN_SEM_NO_RESCHEDULE);
         for (int32_t polls = 0; !has_thread_left(); ++polls)
-            kern_sleep_us(polls < kYieldsBeforeSleep ? 0 : kStopPollUs);
+            kern_sleep_us(polls < kPollsBeforeSleep ? 0 : kStopPollUs);
         kern_sem_acquire_ex(gPurgy.sem, 1, 0, 0);
     }
     return kern_sem_delete(gPurgy.sem);

@@ -11,6 +11,7 @@ static uint32_t shift_of(uint32_t block_size) {
 
 mempool_t *new_mempool(void *base, uint32_t block_size, int32_t count) {
     size_t blocks = count > 0 ? (size_t)count : 0;
+    if (blocks > (SIZE_MAX - sizeof(mempool_t)) / sizeof(mp_descriptor)) return nullptr;
     mempool_t *pool = (mempool_t *)malloc(sizeof(mempool_t) + blocks * sizeof(mp_descriptor));
     if (pool == nullptr) return nullptr;
 

@@ -90,12 +90,12 @@ int32_t std_ops(int32_t op) {
     }
 }
 
-// Clients of old hold these two positions; neither ever did anything that they could rely on.
+// Two positions that are there only so that those behind them keep theirs.
 static void log_data_path() {}
 static void print_memuse() {}
 
 // Positions that are null belong to services that this module does not have.
-static const zarn_util_module_t gZarnUtilModule = {
+static const zarn_util_module_t zarn_util_module = {
     .head = {.name = ZARN_UTIL_MODULE_NAME, .flags = 0, .std_ops = std_ops},
     .new_zarn_data = new_zarn_data,
     .delete_zarn_data = delete_zarn_data,
@@ -176,4 +176,4 @@ static const zarn_util_module_t gZarnUtilModule = {
     .zarn_notify = zarn_notify,
 };
 
-extern "C" __attribute__((visibility("default"))) const void *const modules[] = {&gZarnUtilModule, nullptr};
+extern "C" __attribute__((visibility("default"))) const void *const modules[] = {&zarn_util_module, nullptr};

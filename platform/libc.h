@@ -3,6 +3,9 @@
 // Every C library function that the module may call. It includes no header of a C library, so that a kernel
 // which brings its own only has to resolve these symbols; the test of the built module's symbols reads this
 // list.
+//
+// They do what C says. Of the heap that includes the alignment: `malloc` and `calloc` give memory that is
+// aligned to two pointers, without which the exchange of such a pair faults on LP64 (platform/processor.h).
 
 #ifndef ZARN_PLATFORM_LIBC_H
 #define ZARN_PLATFORM_LIBC_H

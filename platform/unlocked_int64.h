@@ -25,9 +25,9 @@ static inline void store_int64_unlocked(int64_t *word, int64_t value) {
 #endif
 }
 
-// Where halves travel singly, the result mixes two values only if the word leaves one and comes back to
-// a half of it between loads that stand next to each other. Callers take a decision from it only if
-// either value would do.
+// Where halves travel singly, looking twice keeps a new upper half from an old lower one. While the writer
+// stands between its two stores both looks agree on the new lower half with the old upper one. So callers
+// take a decision only from whether the word is 0, and only if either value would do.
 static inline int64_t load_int64_unlocked(const int64_t *word) {
 #if __SIZEOF_POINTER__ == 8
     return __atomic_load_n(word, __ATOMIC_ACQUIRE);

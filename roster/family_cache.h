@@ -61,7 +61,7 @@ struct stack_cache {
     uint32_t key1;
     int32_t key2;
     uint8_t loaded;             // all modules are held
-    int32_t module_count;       //
+    int32_t module_count;       // 0 or more
     const char **module_names;  // in the order of the settings; the strings are the family's
     void *modules;  // kStackIn: the table of its one module; otherwise an array of `module_count` tables
 };

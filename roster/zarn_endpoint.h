@@ -7,8 +7,8 @@
 // Locks, in this order: a listener, its child, the roster's. What each operation holds while it calls out:
 //
 //     operation            lock held                  runs under it
-//     ep_new_endpoint      none                       init_protocol, uninit_protocol
-//     ep_delete_endpoint   none                       uninit_protocol
+//     ep_new_endpoint      none                       the roster, init_protocol, uninit_protocol
+//     ep_delete_endpoint   none                       uninit_protocol, the roster for its children
 //     ep_spawn_endpoint    the listener's             the roster, init_protocol of the child
 //     ep_set_backlog       the listener's             uninit_protocol of the children that go, the roster
 //     ep_ready_endpoint    the listener's             the listener's hooks

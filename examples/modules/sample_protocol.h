@@ -34,8 +34,8 @@ extern "C" {
 typedef struct sample_counts {
     uint64_t packets;     // handed to the protocol
     uint64_t bytes;       // captured bytes of these, the protocol's own header included
-    uint64_t good;        //
-    uint64_t bad;         //
+    uint64_t good;        // the checksum is right
+    uint64_t bad;         // it is not
     uint64_t absent;      // the sender left the checksum out
     uint64_t unverified;  // cut short, a fragment, or malformed: no verdict
     uint64_t unclaimed;   // for no protocol that stands above this one

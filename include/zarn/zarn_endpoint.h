@@ -31,7 +31,7 @@ struct zarn_endpoint_t;
 // A block of bytes with room inside the record.
 typedef struct ep_blob {
     uint8_t *data;  // points at `storage` of the same record, so an endpoint can't be moved as bytes
-    uint8_t storage[EP_BLOB_BYTES];  //
+    uint8_t storage[EP_BLOB_BYTES];  // the room inside
     uint32_t length;  // bytes in use, at most EP_BLOB_BYTES as long as `data` points at `storage`
 } ep_blob;
 

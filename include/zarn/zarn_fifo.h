@@ -34,10 +34,10 @@
 #include <zarn/zarn_tallylock.h>
 
 typedef struct zarn_fifo_t {
-    zarn_tallylock_t lock;  // guards the queue, `current_bytes`, and the reading and resetting of `waiters`
-    int32_t wait_sem;       // consumers sleep here; constant after creation
-    int32_t
-        waiters;  // consumers asleep or about to be that no enqueue has released; atomic, may fall below 0
+    zarn_tallylock_t lock;   // guards the queue, `current_bytes`, and the reading and resetting of `waiters`
+    int32_t wait_sem;        // consumers sleep here; constant after creation
+    int32_t waiters;         // consumers asleep or about to be that no enqueue has released; atomic, may fall
+                             // below 0
     int32_t clearing;        // 1 while a clear sends sleepers away; atomic
     uint32_t max_bytes;      // limit on `current_bytes`; constant after creation
     uint32_t current_bytes;  // sum of the `length` of the queued buffers; written under `lock`, read without

@@ -17,9 +17,9 @@
 #include <stdint.h>
 
 typedef struct zarn_tallylock_t {
-    int32_t
-        count;  // 0 free, 1 held, n > 1 held with n - 1 on their way; bits 30 and 31 set once deleted; atomic
-    int32_t sem;  // where contenders sleep; a negative error if creation failed, -1 once deleted
+    int32_t count;  // 0 free, 1 held, n > 1 held with n - 1 on their way; bits 30 and 31 set once deleted;
+                    // atomic
+    int32_t sem;    // where contenders sleep; a negative error if creation failed, -1 once deleted
 } zarn_tallylock_t;
 
 #ifdef __cplusplus

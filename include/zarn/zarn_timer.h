@@ -9,7 +9,7 @@
 //   delay is negative, up to a lap of 2097152 microseconds comes on top.
 // - Of several timers that come due in one tick, the one armed last fires first.
 // - Arming and cancelling cost the same however many timers are armed, and allocate nothing.
-// - Thread level only: the lock of the wheel may block.
+// - Thread level only, but for asking for the appointment: the lock of the wheel may block.
 //
 // Hooks run on the timer thread. Held around a hook: the lock that keeps deletions out
 // ("delete_zarn_timer"). Not held: the lock of the wheel ("zarntimerlock"). Therefore:
@@ -31,8 +31,9 @@
 //                           caller is all that can run.
 //     zarn_set_timer_hook   As a cancel.
 //
-// Two threads that arm, cancel or re-hook one timer at once are served in some order. A timer that is
-// being deleted must not be used by anybody else.
+// Two threads that arm or cancel one timer at once are served in some order. A timer that is being
+// re-hooked must not be armed or re-hooked by anybody else meanwhile, one that is being deleted not be
+// used at all.
 
 #ifndef ZARN_TIMER_H
 #define ZARN_TIMER_H

@@ -68,8 +68,8 @@ typedef struct zarn_util_module_t {
     void (*delete_zarn_data)(zarn_data_t *data);
 
     // The same from any context: it never blocks, allocates nothing, reaches no heap and can't fail. What has
-    // to wait for thread level is done by a thread of the module, which is woken when more than 8 buffers
-    // wait for it; the last ones may wait until the next deletion or until the module stops. Free functions
+    // to wait for thread level is done by a thread of the module, which is woken when more than about 8
+    // buffers wait for it; the last ones may wait until the next deletion or until the module stops. Free functions
     // of descriptors with FREE_INTERRUPT_SAFE run at once on the caller, all others on that thread. The
     // buffer must not stand on a queue.
     void (*isafe_delete_zarn_data)(zarn_data_t *data);
@@ -211,7 +211,8 @@ typedef struct zarn_util_module_t {
     int32_t (*zarn_unlock_tallylock)(zarn_tallylock_t *lock);
 
     // -- Timers. What hooks may do, and what cancelling and deleting promise, is in <zarn/zarn_timer.h>.
-    // Times are microseconds. All thread level; the lock of the wheel may block for the time of a few stores.
+    // Times are microseconds. All but the last are thread level: the lock of the wheel may block for the time
+    // of a few stores.
 
     // An idle timer, or null without memory. The caller owns it until `delete_zarn_timer`. `hook` may be null
     // until the timer is armed.
@@ -221,7 +222,7 @@ typedef struct zarn_util_module_t {
     // for the end of all hooks that are due, unless it comes from a hook itself. Blocks.
     void (*delete_zarn_timer)(zarn_timer_t *timer);
 
-    // Cancels the timer and gives it another hook. Nobody else may arm the timer meanwhile.
+    // Cancels the timer and gives it another hook. Nobody else may arm or re-hook the timer meanwhile.
     void (*zarn_set_timer_hook)(zarn_timer_t *timer, zarn_timer_hook hook, void *arg);
 
     // Arms the timer to fire once, `delay` from now. An armed timer keeps its appointment if `replace` is 0,
@@ -232,7 +233,8 @@ typedef struct zarn_util_module_t {
     void (*zarn_cancel_timer)(zarn_timer_t *timer);
 
     // When the timer is due, on the clock of the kernel; 0 when it is idle, as it is in its own hook. A look
-    // without a lock: it may be out of date on return. Any context.
+    // without a lock: it may be out of date on return, and where pointers have 32 bits it may be half of it
+    // while another thread arms or cancels. Any context.
     int64_t (*zarn_timer_appointment)(zarn_timer_t *timer);
 
     // -- Read-write locks. The record, its state table and the rules of use are in <zarn/zarn_rwlock.h>. All
@@ -249,6 +251,9 @@ typedef struct zarn_util_module_t {
 
     // Waits for the writers that are in or waiting. The writer itself gets 0 and nothing changes. Blocks.
     int32_t (*read_lock)(rwlock_t *lock);
+
+    // Gives a read lock back; the last of the readers that a writer waits for lets it in. The writer itself
+    // gets 0 and nothing changes.
     int32_t (*read_unlock)(rwlock_t *lock);
 
     // Waits for the readers that are in and the writers before. The writer itself goes one level deeper.
@@ -283,7 +288,8 @@ typedef struct zarn_util_module_t {
     int32_t (*enqueue_zarn_fifo_data)(zarn_fifo_t *fifo, zarn_data_t *data);
 
     // Stores the first buffer in `*out` and returns its `length`, 0 or above: it is the caller's. With `peek`
-    // the queue keeps it, and `*out` is a clone that shares its memory and has its two user words.
+    // the queue keeps it, and `*out` is a clone that shares its memory and has its two user words. (A buffer
+    // of 2 GiB or more gives a number below 0; that `*out` isn't null tells it from a failure.)
     //
     // On an empty queue it waits for up to `timeout` microseconds, starting over when another consumer was
     // quicker, so that the whole wait can be longer; KERN_TIMEOUT_FOREVER waits without end, and 0 not at
@@ -297,7 +303,7 @@ typedef struct zarn_util_module_t {
     // 0, or the error of a dead lock. Blocks until the consumers have left their wait.
     int32_t (*clear_zarn_fifo)(zarn_fifo_t *fifo);
 
-    // -- Bytes under a mask. Any context; the areas hold `length` bytes each, at any alignment.
+    // -- Bytes under a mask. Any context; the areas hold `length` bytes each, 0 or more, at any alignment.
 
     // Compares `a` and `b` where `mask` has ones: 1, 0 or -1. The first difference decides; it is sought by
     // unsigned 32-bit words in the machine's order, then by the bytes that are left. So the sign is not that
@@ -325,7 +331,8 @@ typedef struct zarn_util_module_t {
     //     ERR_NO_FAMILY    the settings have no section for the family
     //     ERR_NO_STACK     the family has no such stack
     //     ERR_NO_MEMORY    out of memory while the family was read
-    //     -1               no settings file, a module that can't be loaded, or the lock can't be had
+    //     -1               no settings file, a module that can't be loaded, no memory for the stack's array,
+    //                      or the lock can't be had
     int32_t (*get_outbound_protos)(uint8_t dl, int32_t family, int32_t key1, int32_t key2, void ***tables,
                                    int32_t *count);
 

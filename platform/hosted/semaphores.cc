@@ -63,9 +63,8 @@ constexpr uint32_t kDeleted = kVerdict | 1;
 static_assert(hosted::kPoked > kAsleep && (hosted::kPoked | kAsleep) < kVerdict);
 
 struct waiter {
-    waiter *
-        previous;  // the line, under the lock bit; `next` also links those who are about to get their verdict
-    waiter *next;
+    waiter *previous;  // the line, under the lock bit
+    waiter *next;      // the same; also links those who are about to get their verdict
     int32_t units;
     bool in_line;   // under the lock bit
     uint32_t word;  // atomic
