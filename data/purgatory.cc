@@ -42,7 +42,7 @@
 #include "module/allocator.h"
 #include "platform/kern.h"
 
-data_purgatory gPurgy;
+alignas(16) data_purgatory gPurgy;  // keeps the top of the stack inside one cache line on ILP32
 
 static int32_t gThreadLeft;  // 1 once the thread has nothing more to do but its last release
 

@@ -18,8 +18,8 @@
 #endif
 
 // A pointer and the number that tells two looks at the same pointer apart. On LP64 the exchange faults on a
-// pair that isn't aligned to its size; on ILP32 it works at any address, and the pair keeps the alignment of
-// its words.
+// pair that isn't aligned to its size; on ILP32 the pair keeps the alignment of its words, and whoever embeds
+// it sees to it that it doesn't lie across two cache lines.
 #if defined(__x86_64__)
 struct alignas(16) tagged_pointer {
     void *pointer;

@@ -6,8 +6,8 @@
 // both sides' FIN.
 //
 // Two threads meet here: the one that receives, and the one that accepts, asks and deletes. `gLock` guards
-// the connections and the way to them. It is taken with a listener's lock held, in `init_tcp` and
-// `uninit_tcp`, so nothing is called under it that takes the lock of an endpoint. The receiver may use a
+// the connections and the way to them. `uninit_tcp` takes it, perhaps with the listener's lock held, so
+// nothing is called under it that takes the lock of an endpoint. The receiver may use a
 // child's endpoint without the lock, because the accepting side deletes it only when its end has been
 // raised, which is the last that the receiver does with it, or when no packets are received.
 
