@@ -29,28 +29,17 @@ static void count_free_for(void *ext_arg, void *element) {
 }
 
 static void use_pools(const zarn_util_module_t *util) {
-    static uint64_t memory[4 * 64 / sizeof(uint64_t)];
-    mempool_t *pool = util->new_mempool(memory, 64, 4);
-    void *blocks[4];
-    int i;
+    static uint64_t memory[64 / sizeof(uint64_t)];
+    mempool_t *pool = util->new_mempool(memory, 64, 1);
+    char *block = util->zarn_zalloc(100);
 
-    for (i = 0; i < 4; ++i) {
-        blocks[i] = util->mp_alloc(pool);
-        CHECK(blocks[i] == (char *)memory + 64 * i);
-    }
-    CHECK(util->mp_alloc(pool) == NULL);
-    for (i = 0; i < 4; ++i)
-        util->mp_free(pool, blocks[i]);
+    CHECK(util->mp_alloc(pool) == memory && util->mp_alloc(pool) == NULL);
+    util->mp_free(pool, memory);
     util->delete_mempool(pool);
-
-    {
-        char *block = util->zarn_zalloc(100);
-        CHECK(block != NULL && block[0] == 0 && memcmp(block, block + 1, 99) == 0);
-        util->zarn_free(block);
-        util->zarn_free(util->zarn_falloc(5000));
-        util->zarn_free(util->zarn_malloc(16));
-        util->zarn_free(NULL);
-    }
+    CHECK(block != NULL && block[0] == 0 && memcmp(block, block + 1, 99) == 0);
+    util->zarn_free(block);
+    util->zarn_free(util->zarn_falloc(5000));
+    util->zarn_free(util->zarn_malloc(16));
 }
 
 static void use_buffers(const zarn_util_module_t *util) {
@@ -77,33 +66,23 @@ static void use_buffers(const zarn_util_module_t *util) {
     CHECK(util->get_zarn_data_checksum(packet, 0, 11) == (uint16_t)~0x2855);
     CHECK(util->copy_and_checksum_data(packet, 0, bytes, 11) == util->get_zarn_checksum(bytes, 11, 0));
 
-    CHECK(util->clone_zarn_data(slice, packet, 3, 5) == 0);
-    CHECK(util->trim_zarn_data(packet, 0, 4) == 0);
+    CHECK(util->clone_zarn_data(slice, packet, 3, 5) == 0 && util->trim_zarn_data(packet, 0, 4) == 0);
     CHECK(packet->length == 7 && slice->length == 5);
     util->delete_zarn_data(packet);
     CHECK(gFreed == 0 && freed_with_argument == 0);
-    CHECK(util->copy_from_zarn_data(slice, 0, bytes, 5) == 5 &&
-          memcmp(bytes, "\x1c\x01\x02\x03\x04", 5) == 0);
     util->isafe_delete_zarn_data(slice);
     CHECK(freed_with_argument == 1);
 }
 
 static void use_locks_and_queues(const zarn_util_module_t *util) {
-    zarn_tallylock_t lock;
     rwlock_t rwlock;
     zarn_fifo_t fifo;
-    zarn_data_t *packet = util->new_zarn_data(), *seen, *taken;
+    zarn_data_t *packet = util->new_zarn_data(), *taken;
     static char byte;
-
-    CHECK(util->zarn_create_tallylock(&lock, "client") >= 0);
-    CHECK(util->zarn_lock_tallylock(&lock) == 0 && lock.count == 1);
-    CHECK(util->zarn_unlock_tallylock(&lock) == 0 && lock.count == 0);
-    CHECK(util->zarn_delete_tallylock(&lock) == 0 && util->zarn_lock_tallylock(&lock) < 0);
 
     CHECK(util->create_rwlock(&rwlock, "client") == 0);
     CHECK(util->read_lock(&rwlock) == 0 && util->upgrade_to_write(&rwlock) == 0);
     CHECK(util->downgrade_to_read(&rwlock) == 0 && util->read_unlock(&rwlock) == 0);
-    CHECK(util->write_lock(&rwlock) == 0 && util->write_unlock(&rwlock) == 0);
     CHECK(util->delete_rwlock(&rwlock) == 0);
 
     CHECK(util->create_zarn_fifo(&fifo, "client", 1) == 0);
@@ -111,9 +90,7 @@ static void use_locks_and_queues(const zarn_util_module_t *util) {
     CHECK(util->append_zarn_data(packet, &byte, 1, NULL) == 0);
     CHECK(util->enqueue_zarn_fifo_data(&fifo, packet) == 0);
     CHECK(util->enqueue_zarn_fifo_data(&fifo, packet) == ERR_NO_BUFFER_SPACE);
-    CHECK(util->dequeue_zarn_fifo_data(&fifo, &seen, 0, 1) == 1 && seen != packet);
     CHECK(util->dequeue_zarn_fifo_data(&fifo, &taken, 0, 0) == 1 && taken == packet);
-    CHECK(util->enqueue_zarn_fifo_data(&fifo, seen) == 0 && util->clear_zarn_fifo(&fifo) == 0);
     util->delete_zarn_fifo(&fifo);
     util->delete_zarn_data(taken);
 }
@@ -143,24 +120,18 @@ static void use_timers(const zarn_util_module_t *util) {
 }
 
 static void use_the_rest(const zarn_util_module_t *util) {
-    static const uint8_t a[] = {1, 2, 3, 4, 0x81}, b[] = {1, 2, 3, 4, 0x01},
-                         mask[] = {255, 255, 255, 255, 0x7f};
-    uint8_t copy[5];
+    static const uint8_t a[] = {0x81}, b[] = {0x01}, mask[] = {0x7f};
     zarn_endpoint_t *endpoint;
     void **tables;
     int32_t count;
 
-    CHECK(util->zarn_masked_cmp(a, b, mask, 5) == 0);
-    util->zarn_masked_copy(copy, a, mask, 5);
-    CHECK(memcmp(copy, b, 5) == 0);
+    CHECK(util->zarn_masked_cmp(a, b, mask, 1) == 0);
     CHECK(util->incremental_checksum(0, 5, 5) == 0);
     CHECK(util->get_config_int32("no such key", 7) == 7 && util->get_config_bool("no such key", 1) == 1);
     // Without settings there are no families, and without network/zarn_notify nobody is told.
     CHECK(util->ep_new_endpoint(&endpoint, 2, 1, 6) < 0);
     CHECK(util->get_outbound_protos(0, 2, 1, 6, &tables, &count) < 0 && util->release_family_ref(2) == -1);
-    CHECK(util->zarn_notify(1, 2, copy, sizeof copy) == -1);
-    util->log_data_path();
-    util->print_memuse();
+    CHECK(util->zarn_notify(1, 2, &count, sizeof count) == -1);
 }
 
 // Returns the number of checks that failed.

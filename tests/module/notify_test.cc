@@ -37,11 +37,6 @@ class notify_test : public module_test {
         return -5;
     }
 
-    static std::string message(uint32_t kind, uint32_t detail, uint32_t length, const std::string &payload) {
-        const uint32_t words[] = {kind, detail, length};
-        return std::string(reinterpret_cast<const char *>(words), sizeof words) + payload;
-    }
-
     static inline zarn_notify_module module_;
     static inline lines received_;
     static inline zarn_data_t *kept_;
@@ -49,22 +44,18 @@ class notify_test : public module_test {
 
 TEST_F(notify_test, delivers_one_contiguous_message) {
     char payload[] = "eight by";
-    const struct {
-        void *payload;
-        uint32_t length;
-        std::string bytes;
-    } cases[] = {
-        {payload, 8, "eight by"},
-        {payload, 3, "eig"},
-        {payload, 0, ""},
-        {nullptr, 0, ""},
-        {nullptr, 8, std::string(8, '\0')},
-        {reinterpret_cast<void *>(1), 0, ""},
-    };
-    for (const auto &each : cases) {
-        const int32_t blocks = test_kernel::heap_blocks();
-        EXPECT_EQ(zarn_notify(0x01020304, 0xfffffffe, each.payload, each.length), 0);
-        EXPECT_EQ(received_.back(), message(0x01020304, 0xfffffffe, each.length, each.bytes));
+    const std::tuple<void *, uint32_t, std::string> cases[] = {{payload, 8, "eight by"},
+                                                               {payload, 3, "eig"},
+                                                               {payload, 0, ""},
+                                                               {nullptr, 0, ""},
+                                                               {nullptr, 8, std::string(8, '\0')},
+                                                               {reinterpret_cast<void *>(1), 0, ""}};
+    const int32_t blocks = test_kernel::heap_blocks();
+    for (const auto &[payload_at, length, expected] : cases) {
+        EXPECT_EQ(zarn_notify(0x01020304, 0xfffffffe, payload_at, length), 0);
+        const uint32_t words[] = {0x01020304, 0xfffffffe, length};
+        EXPECT_EQ(received_.back(),
+                  std::string(reinterpret_cast<const char *>(words), sizeof words) + expected);
         delete_zarn_data(kept_);
         EXPECT_EQ(test_kernel::heap_blocks(), blocks);
     }

@@ -9,31 +9,26 @@ namespace {
 using settings_utils_test = kernel_test;
 
 TEST_F(settings_utils_test, a_number_has_to_fill_its_text) {
-    const struct {
-        const char *text;
-        int32_t value;
-    } cases[] = {
-        {"42", 42},
-        {"-7", -7},
-        {"0", 0},
-        {"010", 10},
-        {"\" +5\"", 5},
-        {"12x", -99},
-        {"x", -99},
-        {"0x10", -99},
-        {"\"\"", -99},
-        {"\"1 \"", -99},
-        {"", -99},
-        {"-", -99},
-        {"1 2", 1},
-        {"2147483647", INT32_MAX},
-        {"2147483648", INT32_MAX},
-        {"-2147483649", INT32_MIN},
-        {"99999999999999999999", INT32_MAX},
-    };
-    for (const auto &each : cases) {
-        test_kernel::provide_settings("zarn.conf", std::string("other 3\nkey ") + each.text);
-        EXPECT_EQ(get_config_int32("key", -99), each.value) << '"' << each.text << '"';
+    const std::pair<const char *, int32_t> cases[] = {{"42", 42},
+                                                      {"-7", -7},
+                                                      {"0", 0},
+                                                      {"010", 10},
+                                                      {"\" +5\"", 5},
+                                                      {"12x", -99},
+                                                      {"x", -99},
+                                                      {"0x10", -99},
+                                                      {"\"\"", -99},
+                                                      {"\"1 \"", -99},
+                                                      {"", -99},
+                                                      {"-", -99},
+                                                      {"1 2", 1},
+                                                      {"2147483647", INT32_MAX},
+                                                      {"2147483648", INT32_MAX},
+                                                      {"-2147483649", INT32_MIN},
+                                                      {"99999999999999999999", INT32_MAX}};
+    for (const auto &[text, value] : cases) {
+        test_kernel::provide_settings("zarn.conf", std::string("other 3\nkey ") + text);
+        EXPECT_EQ(get_config_int32("key", -99), value) << '"' << text << '"';
     }
     EXPECT_EQ(get_config_int32("missing", 5), 5);
     EXPECT_EQ(test_kernel::log_lines().size(), 0u);
@@ -59,19 +54,20 @@ TEST_F(settings_utils_test, without_the_file_both_warn_and_give_the_default) {
 }
 
 TEST_F(settings_utils_test, a_parameter_without_a_name_ends_the_array) {
-    const settings_parameter parameters[] = {
-        {"one", 0, nullptr, 0, nullptr}, {"two", 1, nullptr, 0, nullptr},  {"two", 2, nullptr, 0, nullptr},
-        {"", 0, nullptr, 0, nullptr},    {"last", 0, nullptr, 0, nullptr}, {nullptr, 0, nullptr, 0, nullptr}};
-    EXPECT_EQ(find_driver_param("two", parameters, 2), &parameters[1]);
-    EXPECT_EQ(find_driver_param("two", parameters, 6), &parameters[1]);
-    EXPECT_EQ(find_driver_param("two", parameters, 1), nullptr);
-    EXPECT_EQ(find_driver_param("two", parameters + 2, 1), &parameters[2]);
-    EXPECT_EQ(find_driver_param("last", parameters, 6), nullptr);
-    EXPECT_EQ(find_driver_param("last", parameters + 4, 1), &parameters[4]);
-    EXPECT_EQ(find_driver_param("x", parameters + 4, 9), nullptr);
-    EXPECT_EQ(find_driver_param("", parameters, 6), nullptr);
-    for (int32_t count : {0, -1})
-        EXPECT_EQ(find_driver_param("one", parameters, count), nullptr);
+    settings_parameter parameters[6] = {};
+    const char *const names[] = {"one", "two", "two", "", "last", nullptr};
+    for (size_t i = 0; i < std::size(parameters); ++i)
+        parameters[i].name = names[i];
+    const struct {
+        const char *name;
+        int from, count, found;
+    } cases[] = {{"two", 0, 2, 1},   {"two", 0, 6, 1},  {"two", 0, 1, -1}, {"two", 2, 1, 2},
+                 {"last", 0, 6, -1}, {"last", 4, 1, 4}, {"x", 4, 9, -1},   {"", 0, 6, -1},
+                 {"one", 0, 0, -1},  {"one", 0, -1, -1}};
+    for (const auto &each : cases)
+        EXPECT_EQ(find_driver_param(each.name, parameters + each.from, each.count),
+                  each.found < 0 ? nullptr : &parameters[each.found])
+            << each.name << ' ' << each.from << ' ' << each.count;
 }
 
 }  // namespace

@@ -1,35 +1,27 @@
 // SPDX-License-Identifier: MIT
 //
-// Storms on the roster and on listeners, with modules that are really loaded and unloaded. The number of
-// rounds is ZARN_TEST_ROUNDS, small by default.
+// Storms on the roster and on listeners, with modules that are really loaded and unloaded.
 
 #include "roster/zarn_roster.h"
 
 #include <zarn/module.h>
-#include <zarn/status.h>
 
-#include <cstdlib>
-#include <random>
 #include <shared_mutex>
 #include <string>
-#include <thread>
-#include <vector>
 
-#include "module/allocator.h"
 #include "roster/zarn_endpoint.h"
-#include "tests/platform/support.h"
+#include "tests/support/stress.h"
 
 namespace {
 
 constexpr int32_t kFamily = 2;
 
-class roster_stress : public hosted_test {
+class roster_stress : public stress_test {
  protected:
     void SetUp() override {
-        hosted_test::SetUp();
         hosted_set_module_directory(ZARN_TEST_PROTOCOLS);
         hosted_set_settings_directory(ZARN_TEST_PROTOCOLS);
-        ASSERT_EQ(init_mempool(), 0);
+        stress_test::SetUp();
         ASSERT_EQ(init_roster(), 0);
     }
 
@@ -37,36 +29,29 @@ class roster_stress : public hosted_test {
         // A reference too few would have unloaded modules that are in use, one too many keeps them here.
         EXPECT_EQ(uninit_roster(), 0);
         EXPECT_EQ(hosted_count_objects().modules, 0);
-        EXPECT_EQ(uninit_mempool(), 0);
-        gMP = {};
-        hosted_test::TearDown();
-    }
-
-    static int rounds(int by_default) {
-        const char *text = getenv("ZARN_TEST_ROUNDS");
-        return text == nullptr ? by_default : atoi(text);
+        stress_test::TearDown();
     }
 
     static std::string name_of(const void *table) { return static_cast<const module_head *>(table)->name; }
 };
 
 TEST_F(roster_stress, threads_that_look_up_release_and_drop_one_family) {
-    const auto storm = [](uint32_t seed, int count) {
-        std::mt19937 random(seed);
-        for (int i = 0; i < count; ++i) {
-            void **tables;
-            void *inbound = nullptr;
+    const int rounds = stress_rounds(200);
+    run_threads(3, [&](int i) {
+        dice random(i);
+        for (int round = 0; round < rounds; ++round) {
+            void **tables, *inbound = nullptr;
             int32_t modules;
             // Held by nobody or by another thread: either answer is right, and the table is no use without a
             // reference.
             const int32_t status = get_inbound_proto(kFamily, 6, &inbound);
             EXPECT_EQ(status, inbound == nullptr ? -1 : 0);
 
-            const bool three = random() % 2 == 0;
+            const bool three = random.roll(2) == 0;
             ASSERT_EQ(get_outbound_protos(0, kFamily, 1, three ? 6 : 17, &tables, &modules), 0);
             ASSERT_EQ(modules, three ? 3 : 2);
             EXPECT_EQ(name_of(tables[modules - 2]), "network/second");
-            if (random() % 2 == 0) {
+            if (random.roll(2) == 0) {
                 ASSERT_EQ(get_inbound_proto(kFamily, 17, &inbound), 0);
                 ASSERT_EQ(get_family_ref(kFamily), 0);
                 ASSERT_EQ(release_family_ref(kFamily), 0);
@@ -75,23 +60,17 @@ TEST_F(roster_stress, threads_that_look_up_release_and_drop_one_family) {
             EXPECT_EQ(name_of(tables[modules - 1]), "network/third");
             ASSERT_EQ(release_family_ref(kFamily), 0);
         }
-    };
-    std::vector<std::thread> threads;
-    for (uint32_t seed = 1; seed <= 3; ++seed)
-        threads.emplace_back(storm, seed, rounds(200));
-    for (std::thread &thread : threads)
-        thread.join();
+    });
     EXPECT_EQ(release_family_ref(kFamily), -1);
 }
 
-// A backlog that falls deletes pending children, so nobody may be about to make one ready meanwhile:
-// `spawning` is that rule. Accepting needs no rule.
 TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
-    for (int round = 0; round < rounds(20); ++round) {
+    for (int round = stress_rounds(20); round > 0; --round) {
         zarn_endpoint_t *listener;
         ASSERT_EQ(ep_new_endpoint(&listener, kFamily, 1, 6), 0);
         ep_set_backlog(listener, 4);
-        int32_t raised = 0, accepted = 0;
+        int32_t raised = 0;
+        std::atomic<int32_t> made_ready = 0, accepted = 0;
         ep_hook counter = {nullptr,
                            [](zarn_endpoint_t *, uint32_t value, uintptr_t count, uintptr_t) {
                                *reinterpret_cast<int32_t *>(count) += static_cast<int32_t>(value);
@@ -99,44 +78,33 @@ TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
                            reinterpret_cast<uintptr_t>(&raised), 0, 0};
         listener->hooks[EP_EVENT_READY] = &counter;
         std::shared_mutex spawning;
-        int32_t made_ready = 0;
-        constexpr int kSteps = 150;
-        const auto spawn = [&](int) {
-            std::shared_lock rule(spawning);
-            zarn_endpoint_t *one = ep_spawn_endpoint(listener), *other = ep_spawn_endpoint(listener);
-            for (zarn_endpoint_t *child : {other, one}) {
-                if (child == nullptr) continue;
-                ep_ready_endpoint(child);
-                __atomic_add_fetch(&made_ready, 1, __ATOMIC_RELAXED);
+        run_threads(4, [&](int role) {
+            for (uint32_t step = 0; step < 150; ++step) {
+                if (role == 0) {
+                    std::unique_lock rule(spawning);
+                    ep_set_backlog(listener, step % 3 == 0 ? 0 : 2);
+                    rule.unlock();
+                    ep_set_backlog(listener, 6);
+                    ep_notify_endpoint(listener, EP_EVENT_STORED, step);
+                } else if (role == 1) {
+                    zarn_endpoint_t *child = ep_dequeue_endpoint(listener);
+                    if (child == nullptr) continue;
+                    EXPECT_EQ(child->parent, nullptr);
+                    ep_delete_endpoint(child);
+                    EXPECT_EQ(release_family_ref(kFamily), 0);
+                    ++accepted;
+                } else {
+                    std::shared_lock rule(spawning);
+                    zarn_endpoint_t *one = ep_spawn_endpoint(listener), *other = ep_spawn_endpoint(listener);
+                    for (zarn_endpoint_t *child : {other, one}) {
+                        if (child == nullptr) continue;
+                        ep_ready_endpoint(child);
+                        ++made_ready;
+                    }
+                    ep_spawn_endpoint(listener);  // stays pending
+                }
             }
-            ep_spawn_endpoint(listener);  // stays pending
-        };
-        const auto accept = [&](int) {
-            zarn_endpoint_t *child = ep_dequeue_endpoint(listener);
-            if (child == nullptr) return;
-            EXPECT_EQ(child->parent, nullptr);
-            ep_delete_endpoint(child);
-            EXPECT_EQ(release_family_ref(kFamily), 0);
-            __atomic_add_fetch(&accepted, 1, __ATOMIC_RELAXED);
-        };
-        const auto change = [&](int step) {
-            {
-                std::unique_lock rule(spawning);
-                ep_set_backlog(listener, step % 3 == 0 ? 0 : 2);
-            }
-            ep_set_backlog(listener, 6);
-            ep_notify_endpoint(listener, EP_EVENT_STORED, static_cast<uint32_t>(step));
-        };
-        const auto repeat = [&](auto work) {
-            return std::thread([&, work] {
-                for (int step = 0; step < kSteps; ++step)
-                    work(step);
-            });
-        };
-        std::thread threads[] = {repeat(spawn), repeat(spawn), repeat(accept), repeat(change)};
-        for (std::thread &thread : threads)
-            thread.join();
-
+        });
         int32_t left = 0;
         for (zarn_endpoint_t *head : {listener->pending_head, listener->ready_head}) {
             for (; head != nullptr; head = head->next)

@@ -1,10 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The fixtures that tests of the module's inside derive from. Each starts from an empty kernel and proves
-// that nothing is left when the test has ended, and that nobody did what a kernel forbids. A test file
-// gives them its own name:
-//
-//     using zarn_fifo_test = module_test;
+// The fixtures that tests of the module's inside derive from, under a name of their own. Each starts from an
+// empty kernel and proves that nothing is left when the test has ended, and that nobody did what a kernel
+// forbids.
 
 #ifndef ZARN_TESTS_SUPPORT_FIXTURE_H
 #define ZARN_TESTS_SUPPORT_FIXTURE_H

@@ -2,10 +2,9 @@
 
 #include "tests/support/pools.h"
 
-#include <sstream>
+#include <tuple>
 
 #include "module/allocator.h"
-#include "platform/testing/test_kernel.h"
 
 const char *mempool_fault(const mempool_t *pool, int32_t count) {
     const mp_descriptor *descriptors = const_cast<mempool_t *>(pool)->descriptors();
@@ -37,22 +36,19 @@ int32_t free_blocks(const mempool_t *pool) {
 }
 
 std::string blocks_out() {
-    struct {
-        const char *name;
-        mempool_t *pool;
-        int32_t count;
-    } const pools[] = {{"small", gMP.small_pool, kSmallBlocks},
-                       {"medium", gMP.medium_pool, kMediumBlocks},
-                       {"large", gMP.large_pool, kLargeBlocks}};
-    std::ostringstream out;
-    for (auto &p : pools) {
-        if (const char *fault = mempool_fault(p.pool, p.count)) {
-            out << p.name << " pool: " << fault << '\n';
-        } else if (int32_t missing = p.count - free_blocks(p.pool); missing != 0) {
-            out << p.name << " pool: " << missing << " blocks out\n";
+    const std::tuple<const char *, mempool_t *, int32_t> pools[] = {
+        {"small", gMP.small_pool, kSmallBlocks},
+        {"medium", gMP.medium_pool, kMediumBlocks},
+        {"large", gMP.large_pool, kLargeBlocks}};
+    std::string out;
+    for (const auto &[name, pool, count] : pools) {
+        if (const char *fault = mempool_fault(pool, count)) {
+            out += std::string(name) + " pool: " + fault + '\n';
+        } else if (const int32_t missing = count - free_blocks(pool); missing != 0) {
+            out += std::string(name) + " pool: " + std::to_string(missing) + " blocks out\n";
         }
     }
-    return out.str();
+    return out;
 }
 
 dry_pools::dry_pools(int32_t n) {
@@ -65,12 +61,4 @@ dry_pools::dry_pools(int32_t n) {
 dry_pools::~dry_pools() {
     for (; !taken_.empty(); taken_.pop_back())
         mp_free(taken_.back().first, taken_.back().second);
-}
-
-starved_memory::starved_memory(int32_t n) : pools_(n) {
-    test_kernel::fail_from(1, test_kernel::kHeap);
-}
-
-starved_memory::~starved_memory() {
-    test_kernel::fail_nothing();
 }
