@@ -23,21 +23,13 @@ char source_of(const void *block) {
 }
 
 TEST_F(allocator_test, EachSizeComesFromItsClassAndGoesBackThereWithOnlyItsBytesCleared) {
-    const std::pair<uint32_t, char> cases[] = {{0, 's'},
-                                               {1, 's'},
-                                               {kSmallBlock, 's'},
-                                               {kSmallBlock + 1, 'm'},
-                                               {kMediumBlock, 'm'},
-                                               {kMediumBlock + 1, 'l'},
-                                               {kLargeBlock, 'l'},
-                                               {kLargeBlock + 1, 'h'},
-                                               {100000, 'h'}};
-    for (const auto &[size, source] : cases) {
+    for (uint32_t size : {0u, 1u, kSmallBlock, kSmallBlock + 1, kMediumBlock, kMediumBlock + 1, kLargeBlock,
+                          kLargeBlock + 1, 100000u}) {
         SCOPED_TRACE(size);
-        const uint32_t block_size = source == 's'   ? kSmallBlock
-                                    : source == 'm' ? kMediumBlock
-                                    : source == 'l' ? kLargeBlock
-                                                    : size;
+        const auto [source, block_size] = size <= kSmallBlock    ? std::pair('s', kSmallBlock)
+                                          : size <= kMediumBlock ? std::pair('m', kMediumBlock)
+                                          : size <= kLargeBlock  ? std::pair('l', kLargeBlock)
+                                                                 : std::pair('h', size);
         auto *fast = static_cast<uint8_t *>(zarn_falloc(size));
         EXPECT_EQ(source_of(fast), source);
         memset(fast, 0x77, block_size);

@@ -64,7 +64,7 @@ TEST_F(notify_test, delivers_one_contiguous_message) {
 }
 
 TEST_F(notify_test, each_failure_logs_its_lines_and_leaves_nothing) {
-    // With nothing in the pools: the block, the buffer, the descriptor that makes the buffer own the block, the module.
+    // With nothing in the pools: the block, the buffer, the descriptor that makes the buffer own it, the module.
     const lines expected[] = {
         {"zarn_util:zarn_notify: malloc failed...\n", kClosing},
         {"zarn_util: new_zarn_data failed...\n", kClosing},

@@ -9,26 +9,13 @@ namespace {
 using settings_utils_test = kernel_test;
 
 TEST_F(settings_utils_test, a_number_has_to_fill_its_text) {
-    const std::pair<const char *, int32_t> cases[] = {{"42", 42},
-                                                      {"-7", -7},
-                                                      {"0", 0},
-                                                      {"010", 10},
-                                                      {"\" +5\"", 5},
-                                                      {"12x", -99},
-                                                      {"x", -99},
-                                                      {"0x10", -99},
-                                                      {"\"\"", -99},
-                                                      {"\"1 \"", -99},
-                                                      {"", -99},
-                                                      {"-", -99},
-                                                      {"1 2", 1},
-                                                      {"2147483647", INT32_MAX},
-                                                      {"2147483648", INT32_MAX},
-                                                      {"-2147483649", INT32_MIN},
-                                                      {"99999999999999999999", INT32_MAX}};
-    for (const auto &[text, value] : cases) {
-        test_kernel::provide_settings("zarn.conf", std::string("other 3\nkey ") + text);
-        EXPECT_EQ(get_config_int32("key", -99), value) << '"' << text << '"';
+    for (const std::string each :
+         {"42=42", "-7=-7", "0=0", "010=10", "\" +5\"=5", "12x=-99", "x=-99", "0x10=-99", "\"\"=-99",
+          "\"1 \"=-99", "=-99", "-=-99", "1 2=1", "2147483647=2147483647", "2147483648=2147483647",
+          "-2147483649=-2147483648", "99999999999999999999=2147483647"}) {
+        const size_t end = each.find('=');
+        test_kernel::provide_settings("zarn.conf", "other 3\nkey " + each.substr(0, end));
+        EXPECT_EQ(std::to_string(get_config_int32("key", -99)), each.substr(end + 1)) << each;
     }
     EXPECT_EQ(get_config_int32("missing", 5), 5);
     EXPECT_EQ(test_kernel::log_lines().size(), 0u);
@@ -58,16 +45,20 @@ TEST_F(settings_utils_test, a_parameter_without_a_name_ends_the_array) {
     const char *const names[] = {"one", "two", "two", "", "last", nullptr};
     for (size_t i = 0; i < std::size(parameters); ++i)
         parameters[i].name = names[i];
-    const struct {
-        const char *name;
-        int from, count, found;
-    } cases[] = {{"two", 0, 2, 1},   {"two", 0, 6, 1},  {"two", 0, 1, -1}, {"two", 2, 1, 2},
-                 {"last", 0, 6, -1}, {"last", 4, 1, 4}, {"x", 4, 9, -1},   {"", 0, 6, -1},
-                 {"one", 0, 0, -1},  {"one", 0, -1, -1}};
-    for (const auto &each : cases)
-        EXPECT_EQ(find_driver_param(each.name, parameters + each.from, each.count),
-                  each.found < 0 ? nullptr : &parameters[each.found])
-            << each.name << ' ' << each.from << ' ' << each.count;
+    const auto find = [&](const char *name, int from, int count) {
+        const settings_parameter *found = find_driver_param(name, parameters + from, count);
+        return found == nullptr ? -1 : found - parameters;
+    };
+    EXPECT_EQ(find("two", 0, 2), 1);
+    EXPECT_EQ(find("two", 0, 6), 1);
+    EXPECT_EQ(find("two", 2, 1), 2);
+    EXPECT_EQ(find("last", 4, 1), 4);
+    EXPECT_EQ(find("two", 0, 1), -1);
+    EXPECT_EQ(find("last", 0, 6), -1);
+    EXPECT_EQ(find("x", 4, 9), -1);
+    EXPECT_EQ(find("", 0, 6), -1);
+    for (int32_t count : {0, -1})
+        EXPECT_EQ(find("one", 0, count), -1);
 }
 
 }  // namespace

@@ -48,7 +48,7 @@ class protocols {
         return std::string(static_cast<const module_head *>(table)->name).substr(8);
     }
 
-    // "init gamma", "init beta refused", "uninit gamma", "uninit gamma 7" where the node's data was changed to 7.
+    // "init gamma", "init beta refused", "uninit gamma", "uninit gamma 7" where the node's data was set to 7.
     static lines take_trace() { return std::exchange(trace_, {}); }
 
     static void reset() {

@@ -7,7 +7,6 @@
 #include <thread>
 
 #include "tests/roster/roster_fixture.h"
-#include "tests/support/failures.h"
 
 namespace {
 
@@ -167,22 +166,6 @@ TEST_F(zarn_roster_test, loads_and_releases_long_names_by_the_same_path) {
         EXPECT_EQ(release_family_ref(2), 0);
         EXPECT_EQ(test_kernel::module_references(path), 0);
     }
-}
-
-TEST_F(zarn_roster_test, any_failure_of_a_lookup_leaves_nothing_and_the_next_one_works) {
-    const int32_t blocks = test_kernel::heap_blocks();
-    sweep_failures([&] {
-        const std::string outcome = look_up(1, 17);
-        test_kernel::fail_nothing();
-        if (test_kernel::refusals() != 0) {
-            EXPECT_TRUE(outcome == "-1" || outcome == "no family" || outcome == std::to_string(ERR_NO_MEMORY))
-                << outcome;
-            EXPECT_EQ(test_kernel::heap_blocks(), blocks);
-            EXPECT_EQ(test_kernel::module_references("network/delta"), 0);
-            EXPECT_EQ(look_up(1, 17), "delta beta gamma");
-        }
-        release(1);
-    });
 }
 
 TEST_F(zarn_roster_test, does_not_stop_while_a_family_is_cached) {

@@ -23,8 +23,8 @@ int32_t free_blocks(const mempool_t *pool);
 // A line for each of the allocator's pools with blocks out or a fault.
 std::string blocks_out();
 
-// Leaves `n` free blocks in each of the allocator's pools as long as it lives. With none left, each allocation
-// becomes a numbered heap call that can be refused.
+// Leaves `n` free blocks in each of the allocator's pools as long as it lives. With none left, each
+// allocation becomes a numbered heap call that can be refused.
 class dry_pools {
  public:
     explicit dry_pools(int32_t n = 0);
