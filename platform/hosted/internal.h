@@ -12,6 +12,14 @@
 
 namespace hosted {
 
+#if defined(__SANITIZE_THREAD__)
+constexpr bool kThreadSanitizer = true;
+#elif defined(__has_feature)
+constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
+#else
+constexpr bool kThreadSanitizer = false;
+#endif
+
 // Prints the operation and the error number on stderr and aborts. For what fails only if the kernel itself is
 // broken.
 [[noreturn]] void broken(const char *operation, int error);

@@ -20,14 +20,6 @@ namespace {
 constexpr int kSignals = 65;
 constexpr int kMostKept = 16;
 
-#if defined(__SANITIZE_THREAD__)
-constexpr bool kThreadSanitizer = true;
-#elif defined(__has_feature)
-constexpr bool kThreadSanitizer = __has_feature(thread_sanitizer);
-#else
-constexpr bool kThreadSanitizer = false;
-#endif
-
 using interrupt_handler = void (*)(const siginfo_t *info);
 using signal_handler = void (*)(int signal);
 
@@ -151,7 +143,7 @@ int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *in
     if (handler) {
         action.sa_sigaction = on_interrupt;
         // Under the thread sanitizer a sleeping thread gets its signals only when the system call comes back.
-        action.sa_flags = SA_SIGINFO | (kThreadSanitizer ? 0 : SA_RESTART);
+        action.sa_flags = SA_SIGINFO | (hosted::kThreadSanitizer ? 0 : SA_RESTART);
         fill_mask(&action.sa_mask);
     } else {
         action.sa_handler = SIG_IGN;

@@ -8,6 +8,7 @@
 #include <time.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstdio>
 #include <cstdlib>
@@ -24,7 +25,11 @@ void broken(const char *operation, int error) {
     abort();
 }
 
-int futex_wait(uint32_t *word, uint32_t value, int64_t deadline) {
+int futex_wait(uint32_t *word, uint32_t value, int64_t caller_deadline) {
+    int64_t deadline = caller_deadline;
+    // A thread sanitizer delivers a signal that comes just before the call at the next atomic operation only,
+    // which a sleep without end would never reach.
+    if (kThreadSanitizer) deadline = std::min(deadline, kern_time_us() + 20'000);
     timespec until = {};
     timespec *limit = nullptr;
     // A deadline that doesn't fit the seconds of a 32-bit timespec is 68 years away.
@@ -38,7 +43,7 @@ int futex_wait(uint32_t *word, uint32_t value, int64_t deadline) {
         syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, limit, nullptr, FUTEX_BITSET_MATCH_ANY);
     if (result == 0) return 0;
     if (errno != EAGAIN && errno != EINTR && errno != ETIMEDOUT) broken("futex wait", errno);
-    return errno;
+    return errno == ETIMEDOUT && deadline != caller_deadline ? EAGAIN : errno;
 }
 
 void futex_wake(uint32_t *word, int count) {
