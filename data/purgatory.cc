@@ -108,6 +108,8 @@ int32_t purgatory_thread_func(void *arg) {
             continue;
         }
         if (stopping) break;
+        // Whatever steps the count has lost end here: it doesn't drift from one sleep to the next.
+        __atomic_store_n(&purgatory->count, 0, __ATOMIC_RELAXED);
         kern_fetch_or(&purgatory->sleeping, 1);
         if (is_stopping(purgatory) && kern_fetch_and(&purgatory->sleeping, 0) != 0) continue;
         kern_sem_acquire_ex(purgatory->sem, 1, 0, 0);
