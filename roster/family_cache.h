@@ -85,7 +85,7 @@ extern skiplist *gFamilyCaches;
 
 // Order of `gFamilyCaches`, and the end of a family: releases its modules, stacks, names and the record.
 int32_t compare_family_caches(const void *a, const void *b);
-int32_t free_family_cache(void *cache);
+int32_t free_family_cache(void *item);
 
 // Reads the section of `family`, which must not be cached, and stores the new record of `gFamilyCaches` in
 // `*out`, with no reference and no stack loaded. Bad entries cost only themselves. On failure `*out` is

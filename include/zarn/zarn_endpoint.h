@@ -94,7 +94,7 @@ typedef struct zarn_endpoint_t {
 // aligned to four bytes, and of LP64.
 #define EP_OFFSET(field, ilp32, lp64) \
     static_assert(offsetof(zarn_endpoint_t, field) == (sizeof(void *) == 4 ? (ilp32) : (lp64)))
-EP_OFFSET(top_module, 8, 8);
+static_assert(offsetof(zarn_endpoint_t, top_module) == 8);
 EP_OFFSET(protocols, 12, 16);
 EP_OFFSET(event2_value, 16, 24);
 EP_OFFSET(inherited_blob, 20, 32);
