@@ -42,7 +42,7 @@ TEST_F(stress_test, NoBlockHasTwoOwnersBelowInterrupts) {
                                            use_blocks(3, 0x80000000u + static_cast<uint32_t>(++gInterrupts));
                                        }),
               0);
-    const int rounds = stress_rounds(100000);
+    const int rounds = stress_rounds(30000);
     std::atomic<int> working = 2;
     {
         background first([&] {
