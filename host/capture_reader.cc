@@ -43,6 +43,8 @@ bool fail(capture_reader *reader, capture_status status, const char *message) {
     return false;
 }
 
+constexpr size_t kFileBuffer = 64 * 1024;
+
 // The file as the library reads it: the head that was read already, and what follows in the file. Hands out
 // neither more nor less than is asked for, so that frames of a pipe don't wait for those behind them.
 ssize_t read_for_library(void *cookie, char *bytes, size_t count) {
@@ -60,7 +62,12 @@ bool open_classic(capture_reader *reader) {
     memset(reader->head + 16, 0, 4);
     FILE *stream = fopencookie(reader, "rb", {read_for_library, nullptr, nullptr, nullptr});
     if (stream == nullptr) return fail(reader, capture_status::kUnreadable, strerror(errno));
-    setvbuf(stream, nullptr, _IONBF, 0);
+    if (reader->size != 0) {
+        setvbuf(stream, nullptr, _IOFBF, kFileBuffer);
+    } else {
+        setvbuf(stream, nullptr, _IONBF,
+                0);  // a pipe: `read_for_library` waits for no more than is asked for
+    }
     char message[PCAP_ERRBUF_SIZE] = "";
     reader->pcap = pcap_fopen_offline(stream, message);
     if (reader->pcap != nullptr) return true;
