@@ -4,12 +4,10 @@
 #include <sys/prctl.h>
 #include <sys/syscall.h>
 #include <sys/wait.h>
-#include <time.h>
 #include <unistd.h>
 
 #include <atomic>
 #include <memory>
-#include <thread>
 #include <vector>
 
 #include "tests/platform/support.h"
@@ -33,14 +31,18 @@ struct sleeper : background {
 
 TEST_F(semaphores, refuse_what_is_out_of_range_and_keep_their_units) {
     EXPECT_LT(kern_sem_create(-1, "negative"), 0);
-    int32_t sem = kern_sem_create(2, "small");
-    ASSERT_GT(sem, 0);
+    int32_t sem = kern_sem_create(2, "a name that is longer than thirty-one characters");
     for (int32_t units : {0, -1, INT32_MIN}) {
         EXPECT_LT(kern_sem_release_ex(sem, units, KERN_SEM_NO_RESCHEDULE), 0);
         EXPECT_LT(kern_sem_acquire_ex(sem, units, 0, 0), 0);
     }
     EXPECT_LT(kern_sem_release_ex(sem, INT32_MAX - 1, 0), 0);
     EXPECT_EQ(try_acquire(sem, 3), KERN_ERR_WOULD_BLOCK);
+    EXPECT_EQ(kern_sem_set_owner(sem, KERN_TEAM), 0);
+    hosted_semaphore_info info;
+    ASSERT_EQ(hosted_list_semaphores(&info, 1), 1);
+    EXPECT_STREQ(info.name, "a name that is longer than thir");
+    EXPECT_TRUE(info.id == sem && info.team == KERN_TEAM && info.count == 2);
     EXPECT_EQ(kern_sem_acquire_ex(sem, 2, 0, 0), 0) << "with flags 0 the timeout doesn't apply";
     EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
     EXPECT_EQ(kern_sem_delete(sem), 0);
@@ -52,19 +54,9 @@ TEST_F(semaphores, releasing_thread_does_not_get_its_own_units_back) {
         sleeper first(sem), second(sem);
         ASSERT_TRUE(waiters_become(sem, 2));
         ASSERT_EQ(kern_sem_release_ex(sem, 2, KERN_SEM_NO_RESCHEDULE), 0);
-        EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK)
-            << "both units belong to the others from the release on";
-        EXPECT_EQ(first.join(), 0);
-        EXPECT_EQ(second.join(), 0);
+        EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
+        EXPECT_EQ(first.join() | second.join(), 0);
     }
-    // The same with a return: two get a unit each, give it back, and the releaser collects both.
-    const auto visit = [=] { return kern_sem_acquire(sem) | kern_sem_release(sem); };
-    background one(visit), two(visit);
-    ASSERT_TRUE(waiters_become(sem, 2));
-    EXPECT_EQ(kern_sem_release_ex(sem, 2, KERN_SEM_NO_RESCHEDULE), 0);
-    EXPECT_EQ(kern_sem_acquire_ex(sem, 2, 0, 0), 0);
-    EXPECT_EQ(one.join() | two.join(), 0);
-    EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
     EXPECT_EQ(kern_sem_delete(sem), 0);
 }
 
@@ -76,13 +68,11 @@ TEST_F(semaphores, serve_in_order_and_never_overtake_the_first_in_line) {
         line.push_back(std::make_unique<sleeper>(sem, units));
         ASSERT_TRUE(waiters_become(sem, static_cast<int32_t>(line.size())));
     }
-    // After each unit: how many of the line have been served.
     const int32_t served[] = {1, 1, 1, 2, 3, 3, 4, 5};
     for (int32_t released = 0; released < 8; released++) {
         EXPECT_EQ(kern_sem_release(sem), 0);
         EXPECT_EQ(hosted_count_waiters(sem), 5 - served[released]);
-        EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK)
-            << "a unit that waits for the first in line is not for others";
+        EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
         for (int32_t i = 0; i < served[released]; i++)
             EXPECT_EQ(line[static_cast<size_t>(i)]->join(), 0);
     }
@@ -91,16 +81,14 @@ TEST_F(semaphores, serve_in_order_and_never_overtake_the_first_in_line) {
 
 TEST_F(semaphores, who_leaves_the_line_takes_nothing_and_frees_the_way) {
     int32_t sem = kern_sem_create(1, "leavers");
+    const int64_t before = kern_time_us();
     sleeper greedy(sem, 5, kTimed, 50000);
     ASSERT_TRUE(waiters_become(sem, 1));
     sleeper modest(sem, 1);
     EXPECT_EQ(modest.join(), 0) << "served when the one in front has timed out";
     EXPECT_EQ(greedy.join(), KERN_ERR_TIMED_OUT);
+    EXPECT_GE(kern_time_us() - before, 50000);
     EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
-
-    int64_t before = kern_time_us();
-    EXPECT_EQ(kern_sem_acquire_ex(sem, 1, kTimed, 20000), KERN_ERR_TIMED_OUT);
-    EXPECT_GE(kern_time_us() - before, 20000);
     EXPECT_EQ(kern_sem_delete(sem), 0);
 }
 
@@ -129,14 +117,11 @@ TEST_F(semaphores, deletion_wakes_everybody_and_the_id_stays_dead) {
     int32_t sem = kern_sem_create(0, "short lived");
     sleeper plain(sem), timed(sem, 2, kTimed, 60000000), interruptible(sem, 1, KERN_SEM_INTERRUPTIBLE);
     ASSERT_TRUE(waiters_become(sem, 3));
-    EXPECT_EQ(hosted_count_semaphores_named("short lived"), 1);
     EXPECT_EQ(kern_sem_delete(sem), 0);
-    EXPECT_EQ(plain.join(), KERN_ERR_BAD_SEM);
-    EXPECT_EQ(timed.join(), KERN_ERR_BAD_SEM);
-    EXPECT_EQ(interruptible.join(), KERN_ERR_BAD_SEM);
+    for (sleeper *one : {&plain, &timed, &interruptible})
+        EXPECT_EQ(one->join(), KERN_ERR_BAD_SEM);
     EXPECT_EQ(log_, "") << "whoever waited did nothing wrong";
-
-    for (int i = 0; i < 3; i++) {
+    for (int i = 0; i < 2; i++) {
         EXPECT_EQ(kern_sem_acquire(sem), KERN_ERR_BAD_SEM);
         EXPECT_EQ(kern_sem_release(sem), KERN_ERR_BAD_SEM);
     }
@@ -146,12 +131,10 @@ TEST_F(semaphores, deletion_wakes_everybody_and_the_id_stays_dead) {
     EXPECT_EQ(logged("\"short lived\", was deleted"), 3) << log_;
     for (int32_t id : {0, -1, INT32_MIN, INT32_MAX})
         EXPECT_EQ(kern_sem_acquire(id), KERN_ERR_BAD_SEM);
-
     // Slots come round again, ids don't.
     for (int i = 0; i < 5000; i++) {
         int32_t next = kern_sem_create(1, "successor");
         ASSERT_NE(next, sem);
-        ASSERT_LT(kern_sem_acquire_ex(sem, 1, 0, 0), 0);
         ASSERT_EQ(kern_sem_delete(next), 0);
     }
 }
@@ -181,18 +164,6 @@ TEST_F(semaphores, make_no_system_call_when_nobody_waits) {
     EXPECT_EQ(WEXITSTATUS(status), 0);
 }
 
-TEST_F(semaphores, names_and_owners_are_told) {
-    int32_t sem = kern_sem_create(7, "a name that is longer than thirty-one characters");
-    EXPECT_EQ(kern_sem_set_owner(sem, KERN_TEAM), 0);
-    hosted_semaphore_info info;
-    ASSERT_EQ(hosted_list_semaphores(&info, 1), 1);
-    EXPECT_EQ(info.id, sem);
-    EXPECT_STREQ(info.name, "a name that is longer than thir");
-    EXPECT_EQ(info.team, KERN_TEAM);
-    EXPECT_EQ(info.count, 7);
-    EXPECT_EQ(kern_sem_delete(sem), 0);
-}
-
 TEST_F(semaphores, a_signal_ends_an_interruptible_wait_only) {
     ASSERT_EQ(hosted_install_signal(SIGUSR1, nullptr), 0);
     ASSERT_EQ(hosted_install_interrupt(SIGUSR2, [](const siginfo_t *) {}), 0);
@@ -202,13 +173,10 @@ TEST_F(semaphores, a_signal_ends_an_interruptible_wait_only) {
         ASSERT_TRUE(waiters_become(sem, 1));
         sleeper nervous(sem, 1, KERN_SEM_INTERRUPTIBLE | kTimed, 60000000);
         ASSERT_TRUE(waiters_become(sem, 2));
-        for (int i = 0; i < 3; i++)
-            pthread_kill(nervous.handle(), SIGUSR2);
-        for (int i = 0; i < 3; i++)
-            pthread_kill(patient.handle(), SIGUSR1);
+        pthread_kill(nervous.handle(), SIGUSR2);
+        pthread_kill(patient.handle(), SIGUSR1);
         kern_sleep_us(200);
-        EXPECT_EQ(hosted_count_waiters(sem), 2)
-            << "neither an interrupt nor a signal to the patient one ends a wait";
+        EXPECT_EQ(hosted_count_waiters(sem), 2);
         pthread_kill(nervous.handle(), SIGUSR1);
         EXPECT_EQ(nervous.join(), KERN_ERR_INTERRUPTED);
         EXPECT_EQ(kern_sem_release(sem), 0);
@@ -219,8 +187,6 @@ TEST_F(semaphores, a_signal_ends_an_interruptible_wait_only) {
     EXPECT_LT(hosted_install_interrupt(SIGKILL, [](const siginfo_t *) {}), 0);
 }
 
-// A timer interrupts whoever runs, in the middle of the kernel as well, and releases into the semaphores they
-// use.
 std::atomic<int32_t> gTickSem{-1}, gWaitAtInterrupt{0};
 std::atomic<int> gTicks{0};
 
@@ -237,41 +203,32 @@ TEST_F(semaphores, interrupts_release_into_whatever_they_interrupt) {
               0);
     constexpr int kWanted = 2000;
     std::atomic<bool> stop{false};
-    std::vector<std::thread> workers;
-    for (int i = 0; i < 2; i++)
-        workers.emplace_back([&] {
-            // Time-outs of 1 usec lead through every critical section of the line.
-            while (!stop) {
-                EXPECT_EQ(kern_sem_acquire(noise), 0);
-                kern_sem_acquire_ex(sem, INT32_MAX, kTimed, 1);
-                EXPECT_EQ(kern_sem_release(noise), 0);
-            }
-        });
-    std::thread consumer([&] {
+    const auto work = [&] {
+        while (!stop) {  // time-outs of 1 usec lead through every critical section of the line
+            EXPECT_EQ(kern_sem_acquire(noise), 0);
+            kern_sem_acquire_ex(sem, INT32_MAX, kTimed, 1);
+            EXPECT_EQ(kern_sem_release(noise), 0);
+        }
+        return 0;
+    };
+    background one(work), other(work), consumer([&] {
         for (int i = 0; i < kWanted; i++)
-            ASSERT_EQ(kern_sem_acquire(sem), 0);
+            EXPECT_EQ(kern_sem_acquire(sem), 0);
+        return 0;
     });
-    timer_t timer;
-    sigevent event = {};
-    event.sigev_notify = SIGEV_SIGNAL;
-    event.sigev_signo = SIGRTMIN;
-    ASSERT_EQ(timer_create(CLOCK_MONOTONIC, &event, &timer), 0);
-    itimerspec period = {{0, 50000}, {0, 50000}};
-    ASSERT_EQ(timer_settime(timer, 0, &period, nullptr), 0);
-    while (gTicks < kWanted)
-        pthread_kill(workers[static_cast<size_t>(gTicks % 2)].native_handle(), SIGRTMIN);
+    while (gTicks < kWanted) {
+        pthread_kill(one.handle(), SIGRTMIN);
+        pthread_kill(other.handle(), SIGRTMIN);
+    }
     consumer.join();
-    ASSERT_EQ(timer_delete(timer), 0);
     stop = true;
-    for (std::thread &worker : workers)
-        worker.join();
+    one.join(), other.join();
     ASSERT_EQ(hosted_install_interrupt(SIGRTMIN, nullptr), 0);
     int left = 0;
     while (try_acquire(sem) == 0)
         left++;
     EXPECT_EQ(left, gTicks - kWanted);
-    EXPECT_EQ(kern_sem_delete(sem), 0);
-    EXPECT_EQ(kern_sem_delete(noise), 0);
+    EXPECT_EQ(kern_sem_delete(sem) | kern_sem_delete(noise), 0);
 }
 
 TEST_F(semaphores, waiting_at_interrupt_level_is_refused) {

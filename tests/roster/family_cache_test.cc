@@ -30,13 +30,6 @@ lines stacks_of(const family_cache *cache) {
     return result;
 }
 
-lines names_of(const family_cache *cache) {
-    lines result;
-    for (const copied_name *node = cache->names; node != nullptr; node = node->next)
-        result.push_back(node->name);
-    return result;
-}
-
 std::string parse_failure(const std::string &stack, const std::string &status) {
     return "zarn_util: parse_line(): failed to cache protocol stack 1a " + stack + " (" + status + ")\n";
 }
@@ -63,71 +56,54 @@ lines text_of(const lines &complaints) {
 using family_cache_test = roster_test;
 
 struct reading {
-    const char *what;
     const char *settings;  // of the family's section
     lines stacks;
     lines complaints;
 };
 
 const reading kReadings[] = {
-    {"one of everything",
-     "in {; 6 alpha; 17 beta; }; out {; 1 {; 6 alpha gamma; 17 beta gamma; }; 2 {; -1 delta gamma; }; };"
+    {"in {; 6 alpha; 17 beta; }; out {; 1 {; 6 alpha gamma; 17 beta gamma; }; 2 {; -1 delta gamma; }; };"
      "dl {; 800 {; 0 epsilon; }; 806 {; 0; }; }",
      {"0 0 6 alpha", "0 0 17 beta", "1 1 6 alpha gamma", "1 1 17 beta gamma", "1 2 -1 delta gamma",
       "2 2048 0 epsilon", "2 2054 0"},
      {}},
-    {"nothing", "", {}, {}},
-    {"sub-sections of other names", "In {; 6 alpha; }; mid {; 7 x; }; dl2", {}, {}},
-    {"numbers of modules",
-     "in {; 1 a b; 2; 3 c; }; out {; 1 {; 4; 5 d; }; }; dl {; 1 {; 6; 7 e f; }; }",
+    {"In {; 6 alpha; }; mid {; 7 x; }; dl2", {}, {}},
+    {"in {; 1 a b; 2; 3 c; }; out {; 1 {; 4; 5 d; }; }; dl {; 1 {; 6; 7 e f; }; }",
      {"0 0 3 c", "1 1 5 d", "2 1 6", "2 1 7 e f"},
      {"in 0 is messed up: 0 0 1", "in 1 is messed up: 0 0 2", "out 0 is messed up: 1 1 4"}},
-    {"bases",
-     "in {; 010 a; }; out {; 10 {; 10 a; }; 0x10 {; 1 a; }; }; dl {; 10 {; 10 a; }; 0x11 {; 1 a; }; fF {; 2 "
+    {"in {; 010 a; }; out {; 10 {; 10 a; }; 0x10 {; 1 a; }; }; dl {; 10 {; 10 a; }; 0x11 {; 1 a; }; fF {; 2 "
      "a; }; }",
      {"0 0 10 a", "1 10 10 a", "2 16 10 a", "2 17 1 a", "2 255 2 a"},
      {"out 1 is messed up"}},
-    {"signs, zeros and blanks",
-     "in {; -7 a; 0 b; \" +8\" c; }; out {; -1 {; 1 a; }; 0 {; 0 a; }; -0 {; 5 a; }; }; dl {; -1 {; 1 a; }; "
+    {"in {; -7 a; 0 b; \" +8\" c; }; out {; -1 {; 1 a; }; 0 {; 0 a; }; -0 {; 5 a; }; }; dl {; -1 {; 1 a; }; "
      "0 {; -2 a; }; }",
      {"0 0 -7 a", "0 0 0 b", "0 0 8 c", "1 0 0 a", "1 0 5 a", "2 0 -2 a"},
      {"out 0 is messed up", "dl 0 is messed up"}},
-    {"no numbers",
-     "in {; \"\" a; six b; 12x c; \"6 \" d; 0x6 e; }; out {; \"\" {; 1 a; }; x {; 1 a; }; 1 {; y a; }; 1g {; "
+    {"in {; \"\" a; six b; 12x c; \"6 \" d; 0x6 e; }; out {; \"\" {; 1 a; }; x {; 1 a; }; 1 {; y a; }; 1g {; "
      "1 a; }; };"
      "dl {; g {; 1 a; }; \" \" {; 1 a; }; }",
      {},
      {"in 0 is messed up: 0 0 0", "in 1 is messed up: 0 0 0", "in 2 is messed up: 0 0 12",
       "in 3 is messed up: 0 0 6", "in 4 is messed up: 0 0 0", "out 0 is messed up", "out 1 is messed up",
       "out 2 is messed up: 1 1 0", "out 3 is messed up", "dl 0 is messed up", "dl 1 is messed up"}},
-    {"numbers beyond 32 bits stop at the limits and are no wild-cards",
-     "in {; 4294967295 a; -4294967297 b; }; out {; 4294967295 {; 1 a; }; -4294967295 {; 1 a; }; };"
+    {"in {; 4294967295 a; -4294967297 b; }; out {; 4294967295 {; 1 a; }; -4294967295 {; 1 a; }; };"
      "dl {; ffffffffff {; 99999999999 a; }; }",
      {"0 0 2147483647 a", "0 0 -2147483648 b", "1 2147483647 1 a", "2 2147483647 2147483647 a"},
      {"out 1 is messed up"}},
-    {"a key twice",
-     "in {; 5 a; 6 b; 6 c; 6 d; }",
+    {"in {; 5 a; 6 b; 6 c; 6 d; }",
      {"0 0 5 a", "0 0 6 b"},
      {"in 2 is a duplicate: 0 0 6", "in 3 is a duplicate: 0 0 6"}},
-    {"a wild-card behind a key", "in {; 6 a; -1 b; }", {"0 0 6 a"}, {"in 1 is a duplicate: 0 0 -1"}},
-    {"a key behind a wild-card", "in {; -1 a; 6 b; }", {"0 0 -1 a"}, {"in 1 is a duplicate: 0 0 6"}},
-    {"a key in several groups",
-     "in {; 6 a; }; out {; 1 {; 6 a; }; 2 {; 6 a; }; 3 {; -1 a; }; }; dl {; 1 {; 6 a; }; }",
-     {"0 0 6 a", "1 1 6 a", "1 2 6 a", "1 3 -1 a", "2 1 6 a"},
-     {}},
-    {"a group in two places",
-     "out {; 1 {; 6 a; }; 1 {; 7 b; 6 c; }; }",
-     {"1 1 6 a", "1 1 7 b"},
-     {"out 1 is a duplicate: 1 1 6"}},
-    {"entries are numbered on level 4",
-     "out {; 1 {; 1 a; }; 2 {; 1 a; }; 3 {; 1 a; 2 a; x a; 3 a; }; }",
+    {"in {; 6 a; -1 b; }", {"0 0 6 a"}, {"in 1 is a duplicate: 0 0 -1"}},
+    {"in {; -1 a; 6 b; }", {"0 0 -1 a"}, {"in 1 is a duplicate: 0 0 6"}},
+    {"out {; 1 {; 6 a; }; 1 {; 7 b; 6 c; }; }", {"1 1 6 a", "1 1 7 b"}, {"out 1 is a duplicate: 1 1 6"}},
+    {"out {; 1 {; 1 a; }; 2 {; 1 a; }; 3 {; 1 a; 2 a; x a; 3 a; }; }",
      {"1 1 1 a", "1 2 1 a", "1 3 1 a", "1 3 2 a", "1 3 3 a"},
      {"out 2 is messed up: 1 3 0"}},
 };
 
 TEST_F(family_cache_test, reads_every_section_in_its_own_base_and_drops_bad_entries_alone) {
     for (const reading &each : kReadings) {
-        SCOPED_TRACE(each.what);
+        SCOPED_TRACE(each.settings);
         provide_domains(std::string("1a {;") + each.settings + ";}");
         family_cache *cache = nullptr;
         ASSERT_EQ(cache_family(kFamily, &cache), 0);
@@ -145,30 +121,15 @@ TEST_F(family_cache_test, of_two_sub_sections_only_the_first_is_read_and_its_pla
     family_cache *cache;
     ASSERT_EQ(cache_family(kFamily, &cache), 0);
     EXPECT_EQ(stacks_of(cache), lines{"1 1 6 a"});
-    const std::string ignored =
-        "zarn_util: discovered duplicate 'out' sub-section in family 1a's section in zarn.conf - ignoring\n";
     lines log = test_kernel::log_lines();
     ASSERT_EQ(log.size(), 3u);
     const size_t start = log[2].find("0x"), end = log[2].find(", dl");
     EXPECT_EQ(log[2].erase(start, end - start),
               "zarn_util: cache_family(1a): found sections - in = (nil), out = , dl = (nil)\n");
-    EXPECT_EQ(log[0], ignored);
-    EXPECT_EQ(log[1], ignored);
+    EXPECT_EQ(lines(log.begin(), log.end() - 1), lines(2,
+                                                       "zarn_util: discovered duplicate 'out' sub-section in "
+                                                       "family 1a's section in zarn.conf - ignoring\n"));
     skiplist_delete(gFamilyCaches, &kFamily);
-}
-
-TEST_F(family_cache_test, copies_a_module_name_once_for_each_family) {
-    provide_domains(
-        "1a {; in {; 6 alpha; 6 beta; }; out {; 1 {; 6 alpha gamma; 7 gamma; }; }; };"
-        "1b {; in {; 6 alpha; }; }");
-    const uint32_t other_family = 27;
-    family_cache *one, *other;
-    ASSERT_EQ(cache_family(kFamily, &one), 0);
-    ASSERT_EQ(cache_family(other_family, &other), 0);
-    EXPECT_EQ(names_of(one), (lines{"gamma", "beta", "alpha"}));
-    skiplist_delete(gFamilyCaches, &kFamily);
-    EXPECT_EQ(names_of(other), lines{"alpha"});
-    skiplist_delete(gFamilyCaches, &other_family);
 }
 
 TEST_F(family_cache_test, finds_a_section_by_its_exact_name_in_the_first_domains_only) {
@@ -177,14 +138,11 @@ TEST_F(family_cache_test, finds_a_section_by_its_exact_name_in_the_first_domains
         uint32_t family;
         int32_t status;
     } cases[] = {
-        {"domains {;1a {;};}", 26, 0},
         {"other; domains {;1 {;};1a {;};1a {; in {; x y; }; };}", 26, 0},
         {"domains {;1A {;};01a {;};0x1a {;};26 {;};}", 26, ERR_NO_FAMILY},
-        {"domains {;};domains {;1a {;};}", 26, ERR_NO_FAMILY},
-        {"Domains {;1a {;};};1a {;}", 26, ERR_NO_FAMILY},
+        {"domains {;};domains {;1a {;};};Domains {;1a {;};};1a {;}", 26, ERR_NO_FAMILY},
         {"domains {;0 {;};}", 0, 0},
         {"domains {;ffffffff {;};}", 0xffffffff, 0},
-        {"domains {;a0b0 {;};}", 0xa0b0, 0},
     };
     for (const auto &each : cases) {
         SCOPED_TRACE(each.settings);
@@ -192,11 +150,7 @@ TEST_F(family_cache_test, finds_a_section_by_its_exact_name_in_the_first_domains
         family_cache *cache = nullptr;
         EXPECT_EQ(cache_family(each.family, &cache), each.status);
         EXPECT_EQ(cache != nullptr, each.status == 0);
-        EXPECT_EQ(take_log(),
-                  each.status == 0
-                      ? lines{}
-                      : lines({"zarn_util: unable to find address family 1a's section in zarn.conf\n",
-                               closing_line("80007015")}));
+        EXPECT_EQ(take_log().size(), each.status == 0 ? 0u : 2u);
         if (cache != nullptr) skiplist_delete(gFamilyCaches, &each.family);
         take_log();
     }
@@ -204,20 +158,20 @@ TEST_F(family_cache_test, finds_a_section_by_its_exact_name_in_the_first_domains
 
 // Every call that can fail while one entry is read, in the order in which they are made.
 TEST_F(family_cache_test, each_failure_gives_its_status_and_lines_and_leaves_nothing) {
-    const lines memory = {closing_line("80000000")},
-                stack = {parse_failure("1 3 -1", "80000000"), closing_line("80000000")},
-                entry = {parse_failure("1 3 6", "80000000"), closing_line("80000000")};
+    const std::string stack = parse_failure("1 3 -1", "80000000"), entry = parse_failure("1 3 6", "80000000");
     const struct {
         int32_t calls, status;
         lines log;
     } failures[] = {
         {1, -1, {"zarn_util: failed loading zarn.conf", closing_line("ffffffff")}},
-        {1,  // the tree
+        {1,
          ERR_NO_FAMILY,
          {"zarn_util: unable to find address family 1a's section in zarn.conf\n", closing_line("80007015")}},
-        {3, ERR_NO_MEMORY, memory},  // the family, its stacks, the names
-        {1, ERR_NO_MEMORY, stack},
-        {7, ERR_NO_MEMORY, entry},  // its array; twice a name, its text, its insert
+        {3, ERR_NO_MEMORY, {closing_line("80000000")}},  // the family, its stacks, the names
+        {1, ERR_NO_MEMORY, {stack, closing_line("80000000")}},
+        {7,
+         ERR_NO_MEMORY,
+         {entry, closing_line("80000000")}},  // its array; twice a name, its text, its insert
         {1, -1, {parse_failure("1 3 6", "ffffffff"), closing_line("ffffffff")}},  // the insert of the stack
         {1, -1, {closing_line("ffffffff")}},                                      // of the family
     };
@@ -233,8 +187,7 @@ TEST_F(family_cache_test, each_failure_gives_its_status_and_lines_and_leaves_not
                 EXPECT_EQ(cache_family(kFamily, &cache), each.status);
                 test_kernel::fail_nothing();
                 EXPECT_EQ(take_log(), each.log);
-                EXPECT_EQ(cache, nullptr);
-                EXPECT_EQ(skiplist_count(gFamilyCaches), 0);
+                EXPECT_TRUE(cache == nullptr && skiplist_count(gFamilyCaches) == 0);
                 EXPECT_EQ(test_kernel::heap_blocks(), blocks);
             }
         }
@@ -242,7 +195,6 @@ TEST_F(family_cache_test, each_failure_gives_its_status_and_lines_and_leaves_not
     test_kernel::fail_call(call);
     ASSERT_EQ(cache_family(kFamily, &cache), 0);
     EXPECT_EQ(test_kernel::refusals(), 0);
-    EXPECT_EQ(test_kernel::journal("settings").back().find("settings_unload"), 0u);
     skiplist_delete(gFamilyCaches, &kFamily);
 }
 

@@ -54,7 +54,7 @@ class fifo_test : public module_test {
         if (status != 0) delete_zarn_data(data);
         return status;
     }
-    int32_t take(int64_t timeout = 0) { return consumer(&fifo, timeout).join(); }
+    int32_t take() { return consumer(&fifo, 0).join(); }
     std::unique_ptr<consumer> sleeper(int32_t line, int64_t timeout = kForever, uint8_t peek = 0) {
         auto result = std::make_unique<consumer>(&fifo, timeout, peek);
         wait_until_blocked("fifo", line);
