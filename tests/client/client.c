@@ -38,7 +38,6 @@ static void use_pools(const zarn_util_module_t *util) {
     util->delete_mempool(pool);
     CHECK(block != NULL && block[0] == 0 && memcmp(block, block + 1, 99) == 0);
     util->zarn_free(block);
-    util->zarn_free(util->zarn_falloc(5000));
     util->zarn_free(util->zarn_malloc(16));
 }
 
@@ -46,7 +45,6 @@ static void use_buffers(const zarn_util_module_t *util) {
     static uint8_t header[] = {0x45, 0x00, 0x00, 0x1c}, payload[] = {1, 2, 3, 4, 5, 6, 7};
     uint8_t bytes[16] = {0};
     zarn_iovec pieces[4];
-    void *start;
     int freed_with_argument = 0;
     zarn_data_t *packet = util->new_zarn_data(), *slice = util->new_zarn_data();
 
@@ -59,12 +57,9 @@ static void use_buffers(const zarn_util_module_t *util) {
     CHECK(util->count_zarn_data_iovecs(packet) == 2 && util->get_zarn_data_iovecs(packet, pieces, 4) == 2);
     CHECK(pieces[0].base == header && pieces[1].length == sizeof payload);
 
-    CHECK(util->copy_from_zarn_data(packet, 2, bytes, 5) == 5);
-    CHECK(memcmp(bytes, "\x00\x1c\x01\x02\x03", 5) == 0);
-    CHECK(util->map_to_zarn_data(packet, 4, &start, 7) == 0 && start == payload);
+    CHECK(util->copy_from_zarn_data(packet, 2, bytes, 5) == 5 && memcmp(bytes, "\0\x1c\1\2\3", 5) == 0);
     // 4500 + 001c + 0102 + 0304 + 0506 + 0700 = 5528
     CHECK(util->get_zarn_data_checksum(packet, 0, 11) == (uint16_t)~0x2855);
-    CHECK(util->copy_and_checksum_data(packet, 0, bytes, 11) == util->get_zarn_checksum(bytes, 11, 0));
 
     CHECK(util->clone_zarn_data(slice, packet, 3, 5) == 0 && util->trim_zarn_data(packet, 0, 4) == 0);
     CHECK(packet->length == 7 && slice->length == 5);
@@ -86,10 +81,8 @@ static void use_locks_and_queues(const zarn_util_module_t *util) {
     CHECK(util->delete_rwlock(&rwlock) == 0);
 
     CHECK(util->create_zarn_fifo(&fifo, "client", 1) == 0);
-    CHECK(util->dequeue_zarn_fifo_data(&fifo, &taken, 0, 0) == ERR_WOULD_BLOCK && taken == NULL);
     CHECK(util->append_zarn_data(packet, &byte, 1, NULL) == 0);
     CHECK(util->enqueue_zarn_fifo_data(&fifo, packet) == 0);
-    CHECK(util->enqueue_zarn_fifo_data(&fifo, packet) == ERR_NO_BUFFER_SPACE);
     CHECK(util->dequeue_zarn_fifo_data(&fifo, &taken, 0, 0) == 1 && taken == packet);
     util->delete_zarn_fifo(&fifo);
     util->delete_zarn_data(taken);

@@ -55,8 +55,6 @@ TEST_F(tallylock_test, NobodyIsStrandedWhoComesBeforeTheUnlockOrDuringIt) {
     EXPECT_EQ(late.join(), 0);
     EXPECT_EQ(unlock(), 0);
     EXPECT_EQ(lock.count | sem_count("lock"), 0);
-    EXPECT_EQ(journal(), (lines{"sem_acquire \"lock\" 1 0", "sem_release \"lock\" 1 2",
-                                "sem_release \"lock\" 1 2", "sem_acquire \"lock\" 1 0"}));
     EXPECT_EQ(zarn_delete_tallylock(&lock), 0);
 }
 

@@ -42,8 +42,7 @@ TEST_F(roster_stress, threads_that_look_up_release_and_drop_one_family) {
         for (int round = 0; round < rounds; ++round) {
             void **tables, *inbound = nullptr;
             int32_t modules;
-            // Held by nobody or by another thread: either answer is right, and the table is no use without a
-            // reference.
+            // Held by nobody or by another thread: either answer is right.
             const int32_t status = get_inbound_proto(kFamily, 6, &inbound);
             EXPECT_EQ(status, inbound == nullptr ? -1 : 0);
 
@@ -70,7 +69,7 @@ TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
         ASSERT_EQ(ep_new_endpoint(&listener, kFamily, 1, 6), 0);
         ep_set_backlog(listener, 4);
         int32_t raised = 0;
-        std::atomic<int32_t> made_ready = 0, accepted = 0;
+        std::atomic<int32_t> made_ready = 0;
         ep_hook counter = {nullptr,
                            [](zarn_endpoint_t *, uint32_t value, uintptr_t count, uintptr_t) {
                                *reinterpret_cast<int32_t *>(count) += static_cast<int32_t>(value);
@@ -92,7 +91,6 @@ TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
                     EXPECT_EQ(child->parent, nullptr);
                     ep_delete_endpoint(child);
                     EXPECT_EQ(release_family_ref(kFamily), 0);
-                    ++accepted;
                 } else {
                     std::shared_lock rule(spawning);
                     zarn_endpoint_t *one = ep_spawn_endpoint(listener), *other = ep_spawn_endpoint(listener);
@@ -112,7 +110,6 @@ TEST_F(roster_stress, threads_that_spawn_ready_accept_and_change_the_backlog) {
         }
         EXPECT_EQ(listener->backlog - listener->room, left);
         EXPECT_EQ(raised, made_ready);
-        EXPECT_LE(accepted, made_ready);
         listener->hooks[EP_EVENT_READY] = nullptr;
         ep_delete_endpoint(listener);
         EXPECT_EQ(release_family_ref(kFamily), 0);
