@@ -11,30 +11,22 @@
 
 #include "platform/kern.h"
 
-inline std::string quote_word(const std::string &word) {
-    std::string text = "\"";
-    for (const char character : word) {
-        const auto byte = static_cast<unsigned char>(character);
-        if (character == '"' || character == '\\') {
-            text.append(1, '\\').append(1, character);
-        } else if (byte < ' ' || byte == 127) {
-            char escape[5];
-            snprintf(escape, sizeof escape, "\\x%02x", byte);
-            text += character == '\n' ? "\\n" : character == '\t' ? "\\t" : escape;
-        } else {
-            text += character;
-        }
-    }
-    return text + '"';
-}
-
 inline std::string print_word(const std::string &word) {
+    std::string text = "\"";
     bool bare = !word.empty() && word.rfind("\xef\xbb\xbf", 0) != 0;  // a mark at the start of a text is lost
     for (const char character : word) {
         const auto byte = static_cast<unsigned char>(character);
         bare = bare && byte > ' ' && byte != 127 && strchr("{};#\"\\", character) == nullptr;
+        char escape[5] = {'\\', character};
+        const bool plain = byte >= ' ' && byte != 127;
+        if (!plain) snprintf(escape, sizeof escape, "\\x%02x", byte);
+        if (plain && character != '"' && character != '\\') {
+            text += character;
+        } else {
+            text += character == '\n' ? "\\n" : character == '\t' ? "\\t" : escape;
+        }
     }
-    return bare ? word : quote_word(word);
+    return bare ? word : text + '"';
 }
 
 inline std::string print_settings(const settings_parameter *parameters, int32_t count) {

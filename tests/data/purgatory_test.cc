@@ -72,7 +72,7 @@ TEST_F(purgatory_test, TheNinthDeletionWakesTheThread) {
     EXPECT_TRUE(gFrees.empty());
     isafe_delete(buffer(8, 8));
     wait_for_sleep();
-    EXPECT_EQ(gFrees.size(), 9u);
+    ASSERT_EQ(gFrees.size(), 9u);
     for (int i = 0; i < 9; ++i)
         EXPECT_EQ(gFrees[i], std::make_pair(8 - i, gPurgy.thread));
     EXPECT_EQ(test_kernel::sem_calls(), calls + 2) << "one release, and the acquire of the next sleep";

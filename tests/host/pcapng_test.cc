@@ -110,10 +110,9 @@ TEST(pcapng, tells_how_a_bad_file_ended) {
         {"no_magic", section(1, 0x12345678) + plain, "not_a_capture"},
         {"version_2", section(2) + plain, "unreadable"},
     };
-    for (unsigned size : {1u, 3u, 4u, 7u, 8u, 11u})
-        cases.push_back({"cut_at_" + std::to_string(size), sound.substr(0, size), "not_a_capture"});
-    for (unsigned size : {12u, 27u, 29u, 47u, 49u, 55u, 59u, 75u, 76u, 139u})
-        cases.push_back({"cut_at_" + std::to_string(size), sound.substr(0, size), "cut"});
+    for (unsigned size : {1u, 4u, 11u, 12u, 27u, 29u, 55u, 75u, 76u, 139u})
+        cases.push_back(
+            {"cut_at_" + std::to_string(size), sound.substr(0, size), size < 12 ? "not_a_capture" : "cut"});
     const struct {
         const char *name, *status;
         std::string bytes;

@@ -11,6 +11,7 @@
 #include <csignal>
 #include <filesystem>
 #include <random>
+#include <sstream>
 
 using namespace std::string_literals;
 
@@ -70,103 +71,69 @@ void expect_oracle(const std::string &directory) {
     }
 }
 
-TEST(replay, agrees_with_the_counts_of_the_sample_captures) {
+TEST(replay, agrees_with_the_counts_of_the_captures) {
     expect_oracle(kSamples);
-}
-
-TEST(replay, agrees_with_the_counts_of_all_captures) {
-    std::string directory = ZARN_SOURCE_DIR "/../shared/captures";
-    if (!std::filesystem::exists(directory + "/oracle.tsv")) GTEST_SKIP() << "no captures in " << directory;
-    expect_oracle(directory);
+    std::string all = ZARN_SOURCE_DIR "/../shared/captures";
+    if (std::filesystem::exists(all + "/oracle.tsv")) expect_oracle(all);
 }
 
 TEST(replay, sorts_out_frames_that_captures_seldom_hold) {
-    const std::string datagram = udp("abcdefgh");
-    struct {
-        const char *name;
-        std::string record;
-        table_row counts;
-    } cases[] = {
-        {"no_type", pcap_record("\x01\x02\x03"), {{"other", "1"}}},
-        {"no_bytes", pcap_record("", 60), {{"other", "1"}, {"short", "1"}}},
-        {"802.3", pcap_record(ethernet(0x05dc, std::string(60, 'x'))), {{"other", "1"}}},
-        {"two_tags",
-         pcap_record(ethernet(0x88a8, big16(5) + big16(0x8100) + big16(10) + big16(0x0800) + ipv4(datagram))),
-         {{"vlan", "1"}, {"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}}},
-        {"half_a_tag",
-         pcap_record(ethernet(0x8100, "\x01"), 64),
-         {{"vlan", "1"}, {"other", "1"}, {"short", "1"}}},
-        {"options",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.options = "\x94\x04\x00\x00"s}))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}}},
-        {"options_cut_off",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.options = "\x94\x04\x00\x00"s})).substr(0, 36), 90),
-         {{"ipv4", "1"}, {"ip_unverified", "1"}, {"short", "1"}}},
-        {"version_5",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.version = 5}))),
-         {{"ipv4", "1"}, {"ip_unverified", "1"}}},
-        {"total_0",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.total = 0}))),
-         {{"ipv4", "1"}, {"ip_unverified", "1"}}},
-        {"total_above_the_frame",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.total = 37}))),
-         {{"ipv4", "1"}, {"ip_unverified", "1"}}},
-        {"total_above_the_frame_and_bad",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.total = 37, .bad_checksum = true}))),
-         {{"ipv4", "1"}, {"ip_bad", "1"}}},
-        {"total_within_what_was_on_the_wire",
-         pcap_record(ethernet(0x0800, ipv4(datagram, {.total = 37})), 60),
-         {{"short", "1"}, {"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_unverified", "1"}}},
-        {"udp_shorter_than_its_packet",
-         pcap_record(ethernet(0x0800, ipv4(udp("abcd+stray", 12)))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}}},
-        {"udp_longer_than_its_packet",
-         pcap_record(ethernet(0x0800, ipv4(udp("abcd", 13)))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_unverified", "1"}}},
-        {"udp_header_too_short",
-         pcap_record(ethernet(0x0800, ipv4(datagram.substr(0, 7)))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_unverified", "1"}}},
-        {"absent_in_a_fragment",
-         pcap_record(ethernet(0x0800, ipv4(std::string(16, '\0'), {.fragment = 0x2000}))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"fragments", "1"}, {"udp", "1"}, {"udp_unverified", "1"}}},
-        {"icmp_of_odd_length",
-         pcap_record(ethernet(0x0800, ipv4("\x08\x00\x9e\x98\x00\x01\x00\x02\x56"s, {.protocol = 1}))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"icmp", "1"}, {"icmp_bad", "1"}}},
-        {"tcp_header_longer_than_its_packet",
-         pcap_record(
-             ethernet(0x0800, ipv4(std::string(12, 'a') + "\x60" + std::string(7, 'a'), {.protocol = 6}))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"tcp", "1"}, {"tcp_unverified", "1"}}},
-        {"ip_in_ip",
-         pcap_record(ethernet(0x0800, ipv4(ipv4(datagram), {.protocol = 4}))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"ip_other", "1"}}},
-        // Longer than a slot, so that headers and sums meet scattered data; the second is nothing but tags.
-        {"jumbo",
-         pcap_record(ethernet(0x0800, ipv4(udp(std::string(65507, '\xa5'))))),
-         {{"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}}},
-        {"tags_only", pcap_record(std::string(262144, '\x81').replace(0, 12, 12, 'm')), {{"other", "1"}}},
+    const std::string datagram = udp("abcdefgh"), router_alert = "\x94\x04\x00\x00"s;
+    const std::string options = ethernet(0x0800, ipv4(datagram, {.options = router_alert}));
+    auto record = [](const std::string &packet, int64_t wire = -1) {
+        return pcap_record(ethernet(0x0800, packet), wire);
     };
+    // Longer than a slot, so that headers and sums meet scattered data; one is nothing but tags.
     std::string tags = std::string(12, 'm');
     while (tags.size() + 4 <= 262144)
         tags += big16(0x8100) + big16(1);
-    for (auto &c : cases) {
-        if (c.name == std::string("tags_only")) {
-            c.record = pcap_record(tags);
-            c.counts["vlan"] = "1";
-        }
-        c.counts["frames"] = "1";
-        expect_counts(c.name, pcap_file({c.record}), 0, c.counts);
+    const struct {
+        const char *name;
+        std::string record, counted;
+    } cases[] = {
+        {"no_type", pcap_record("\x01\x02\x03"), "other"},
+        {"no_bytes", pcap_record("", 60), "other short"},
+        {"802.3", pcap_record(ethernet(0x05dc, std::string(60, 'x'))), "other"},
+        {"two_tags",
+         pcap_record(ethernet(0x88a8, big16(5) + big16(0x8100) + big16(10) + big16(0x0800) + ipv4(datagram))),
+         "vlan ipv4 ip_good udp udp_good"},
+        {"half_a_tag", pcap_record(ethernet(0x8100, "\x01"), 64), "vlan other short"},
+        {"options", pcap_record(options), "ipv4 ip_good udp udp_good"},
+        {"options_cut_off", pcap_record(options.substr(0, 36), 90), "ipv4 ip_unverified short"},
+        {"version_5", record(ipv4(datagram, {.version = 5})), "ipv4 ip_unverified"},
+        {"total_0", record(ipv4(datagram, {.total = 0})), "ipv4 ip_unverified"},
+        {"total_above_the_frame", record(ipv4(datagram, {.total = 37})), "ipv4 ip_unverified"},
+        {"total_above_and_bad", record(ipv4(datagram, {.total = 37, .bad_checksum = true})), "ipv4 ip_bad"},
+        {"total_on_the_wire", record(ipv4(datagram, {.total = 37}), 60),
+         "short ipv4 ip_good udp udp_unverified"},
+        {"udp_shorter_than_its_packet", record(ipv4(udp("abcd+stray", 12))), "ipv4 ip_good udp udp_good"},
+        {"udp_longer_than_its_packet", record(ipv4(udp("abcd", 13))), "ipv4 ip_good udp udp_unverified"},
+        {"udp_header_too_short", record(ipv4(datagram.substr(0, 7))), "ipv4 ip_good udp udp_unverified"},
+        {"absent_in_a_fragment", record(ipv4(std::string(16, '\0'), {.fragment = 0x2000})),
+         "ipv4 ip_good fragments udp udp_unverified"},
+        {"icmp_of_odd_length", record(ipv4("\x08\x00\x9e\x98\x00\x01\x00\x02\x56"s, {.protocol = 1})),
+         "ipv4 ip_good icmp icmp_bad"},
+        {"tcp_header_too_long",
+         record(ipv4(std::string(12, 'a') + "\x60" + std::string(7, 'a'), {.protocol = 6})),
+         "ipv4 ip_good tcp tcp_unverified"},
+        {"ip_in_ip", record(ipv4(ipv4(datagram), {.protocol = 4})), "ipv4 ip_good ip_other"},
+        {"jumbo", record(ipv4(udp(std::string(65507, '\xa5')))), "ipv4 ip_good udp udp_good"},
+        {"tags_only", pcap_record(tags), "other vlan"},
+        {"longer_than_it_was", record(ipv4(datagram), 20), "ipv4 ip_good udp udp_good"},
+    };
+    for (const auto &c : cases) {
+        table_row counts = {{"frames", "1"}};
+        std::istringstream names(c.counted);
+        for (std::string name; names >> name;)
+            counts[name] = "1";
+        expect_counts(c.name, pcap_file({c.record}), 0, counts);
     }
-    // The captured length may be above the original one.
-    expect_counts("longer_than_it_was", pcap_file({pcap_record(ethernet(0x0800, ipv4(datagram)), 20)}), 0,
-                  {{"frames", "1"}, {"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}});
 }
 
 TEST(replay, tells_how_a_bad_file_ended) {
     const std::string frame = ethernet(0x0806, std::string(46, '\0'));
     const std::string sound = pcap_file({pcap_record(frame), pcap_record(frame)});
-    const std::string sound_ng = pcapng_start() + pcapng_packet(0, frame) + pcapng_packet(0, frame);
-    const std::string block = pcapng_packet(0, frame);
-    struct {
+    const struct {
         const char *name, *status, *message;
         std::string bytes;
         int frames;
@@ -176,26 +143,16 @@ TEST(replay, tells_how_a_bad_file_ended) {
         {"cut_in_the_header", "cut", "cut_in_the_header: ", sound.substr(0, 20), 0},
         {"cut_in_a_record_header", "cut", ": frame 2: ", sound.substr(0, sound.size() - frame.size() - 3), 1},
         {"cut_in_a_record", "cut", ": frame 2: ", sound.substr(0, sound.size() - 1), 1},
-        {"too_long", "damaged",
-         ": frame 3: ", sound + little32(0) + little32(0) + little32(262145) + little32(9), 2},
-        {"ng_cut", "cut", ": frame 2: ", sound_ng.substr(0, sound_ng.size() - 1), 1},
-        {"ng_cut_in_the_start", "cut", "ng_cut_in_the_start: ", sound_ng.substr(0, 30), 0},
-        {"ng_lengths_disagree", "damaged",
-         ": frame 3: ", sound_ng + block.substr(0, block.size() - 4) + little32(4), 2},
-        {"ng_length_too_short", "damaged", ": frame 3: ", sound_ng + little32(6) + little32(7), 2},
-        {"ng_interface_unknown", "damaged", ": frame 3: ", sound_ng + pcapng_packet(7, frame), 2},
+        {"too_long", "damaged", ": frame 3: ", sound + std::string(8, '\0') + little32(262145) + little32(9),
+         2},
     };
     for (const auto &c : cases) {
         std::string frames = std::to_string(c.frames);
-        table_row counts = {{"status", c.status}, {"frames", frames}, {"arp", frames}};
-        expect_counts(c.name, c.bytes, 1, counts);
+        expect_counts(c.name, c.bytes, 1, {{"status", c.status}, {"frames", frames}, {"arp", frames}});
         program_result result = run_program({"replay", scratch_directory() + "/" + c.name});
         EXPECT_NE(result.err.find(c.message), std::string::npos) << result.err;
         EXPECT_EQ(std::count(result.err.begin(), result.err.end(), '\n'), 1) << result.err;
     }
-    expect_counts("cooked", pcap_file({pcap_record(frame)}, 276), 1,
-                  {{"frames", "1"}, {"not_ethernet", "1"}});
-
     // A file that can't be read doesn't keep the others from being read.
     std::string good = scratch_directory() + "/good", missing = scratch_directory() + "/missing";
     write_file(good, sound);
@@ -303,19 +260,9 @@ TEST(replay, survives_mutated_captures) {
         for (size_t i = 0; i < 40; i++) {
             std::string bytes = read_file(seeds[below(seeds.size())]);
             // Spoils frames more often than the records around them: a spoilt record ends the file.
-            for (size_t change = 1 + below(200); change != 0; change--) {
-                size_t at = below(bytes.size());
-                switch (below(8)) {
-                    case 0:
-                        bytes.resize(bytes.size() - below(std::min<size_t>(3, bytes.size())));
-                        break;
-                    case 1:
-                        bytes[at] = static_cast<char>(below(2) * 255);
-                        break;
-                    default:
-                        bytes[at] = static_cast<char>(bytes[at] ^ 1 << below(8));
-                }
-            }
+            for (size_t change = 1 + below(200); change != 0; change--)
+                bytes[below(bytes.size())] ^= static_cast<char>(1 << below(8));
+            if (below(8) == 0) bytes.resize(bytes.size() - below(std::min<size_t>(60, bytes.size())));
             std::string path = scratch_directory() + "/mutated" + std::to_string(i);
             write_file(path, bytes);
             arguments.push_back(path);
