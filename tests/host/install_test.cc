@@ -66,7 +66,7 @@ TEST(install, builds_a_module_with_one_compiler_line_and_runs_it) {
 
 TEST(install, builds_a_module_with_the_cmake_package) {
     std::string command = "cd " + scratch_directory() + "/work && CFLAGS=";
-    command.append(kWidth).append(" cmake -B build -DCMAKE_PREFIX_PATH=").append(installation());
+    command.append(kWidth).append(" cmake -G Ninja -B build -DCMAKE_PREFIX_PATH=").append(installation());
     command.append(" && cmake --build build && cmake --install build");
     std::string said;
     ASSERT_EQ(run(command, &said), 0) << said;
