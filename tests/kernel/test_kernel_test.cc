@@ -46,29 +46,20 @@ TEST_F(test_kernel_test, WhoLeavesTheLineTakesNoUnitAlong) {
 
 TEST_F(test_kernel_test, WhatIsLeftAndWhatIsForbiddenIsNamed) {
     int32_t sem = kern_sem_create(0, "forgotten");
-    void *region;
-    int32_t region_id = kern_region_create("place", &region, 4, 100, 3, 3);
     char *text = strdup("text");
     provide_module("network/x", &sem);
-    provide_settings("zarn.conf", "");
-    void *table, *handle = kern_settings_load("zarn.conf");
+    void *table;
     EXPECT_EQ(kern_module_acquire("network/x", &table), 0);
-    EXPECT_EQ(table, &sem);
-    for (const char *name : {"\"forgotten\"", "\"place\"", "5 bytes", "\"network/x\"", "settings handle"})
+    for (const char *name : {"\"forgotten\"", "5 bytes", "\"network/x\""})
         EXPECT_NE(leftovers().find(name), std::string::npos) << name;
-    kern_region_delete(region_id);
     free(text);
-    kern_settings_unload(handle);
     kern_module_release("network/x");
-    EXPECT_EQ(take_violations(), "");
-
     kern_module_release("network/x");
     EXPECT_NE(take_violations().find("nobody holds"), std::string::npos);
     {
         interrupt_level guard;
-        free(malloc(1));
         kern_sem_release_ex(sem, 1, KERN_SEM_NO_RESCHEDULE);
-        EXPECT_EQ(take_violations().find("sem_release"), std::string::npos);
+        EXPECT_EQ(take_violations(), "");
         kern_sem_release_ex(sem, 1, 0);
         kern_sem_acquire_ex(sem, 2, 0, 0);
     }

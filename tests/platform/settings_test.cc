@@ -224,16 +224,4 @@ TEST_F(Settings, RefusesAFileWhenMemoryRunsOut) {
     }
 }
 
-TEST_F(Settings, AreReadByManyThreadsAtOnce) {
-    const std::string good = write("key 1\ndomains { 2 { in { 6 tcp } } }\n");
-    run_threads(4, [&good](int i) {
-        for (int round = 0; round < 200; ++round) {
-            void *handle = kern_settings_load("zarn.conf");
-            EXPECT_EQ(kern_settings_bool(handle, "key", 0, 0), 1);
-            if (i == 0) hosted_set_settings_file("zarn.conf", round % 2 == 0 ? good.c_str() : nullptr);
-            EXPECT_EQ(kern_settings_unload(handle), 0);
-        }
-    });
-}
-
 }  // namespace

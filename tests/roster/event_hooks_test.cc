@@ -2,7 +2,6 @@
 
 #include <zarn/zarn_endpoint_hooks.h>
 
-#include "module/tallylock.h"
 #include "roster/zarn_endpoint.h"
 #include "tests/roster/roster_fixture.h"
 
@@ -91,13 +90,6 @@ TEST_F(event_hooks_test, hooks_are_removed_from_any_place_and_misuse_is_refused)
         EXPECT_EQ(raise(2, 1), rest);
         zarn_free(hook);
     }
-    zarn_endpoint_t dead = {};
-    ASSERT_GE(zarn_create_tallylock(&dead.lock, "dead"), 0);
-    zarn_delete_tallylock(&dead.lock);
-    empty.func = record;
-    EXPECT_EQ(ep_add_hook(util_, &dead, 0, &empty), test_kernel::kDeadSemaphore);
-    EXPECT_EQ(ep_remove_hook(util_, &dead, 0, &empty), test_kernel::kDeadSemaphore);
-    EXPECT_EQ(dead.hooks[0], nullptr);
 }
 
 TEST_F(event_hooks_test, a_ready_child_is_on_its_list_when_the_hook_hears_of_it) {
