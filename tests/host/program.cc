@@ -23,14 +23,10 @@ struct scratch {
 };
 
 std::vector<std::string> split(const std::string &text, char separator) {
-    std::vector<std::string> parts(1);
-    for (char c : text) {
-        if (c == separator) {
-            parts.emplace_back();
-        } else {
-            parts.back() += c;
-        }
-    }
+    std::vector<std::string> parts;
+    std::istringstream all(text);
+    for (std::string part; std::getline(all, part, separator);)
+        parts.push_back(part);
     return parts;
 }
 
