@@ -28,19 +28,6 @@ static void count_free_for(void *ext_arg, void *element) {
     ++*(int *)ext_arg;
 }
 
-static void use_pools(const zarn_util_module_t *util) {
-    static uint64_t memory[64 / sizeof(uint64_t)];
-    mempool_t *pool = util->new_mempool(memory, 64, 1);
-    char *block = util->zarn_zalloc(100);
-
-    CHECK(util->mp_alloc(pool) == memory && util->mp_alloc(pool) == NULL);
-    util->mp_free(pool, memory);
-    util->delete_mempool(pool);
-    CHECK(block != NULL && block[0] == 0 && memcmp(block, block + 1, 99) == 0);
-    util->zarn_free(block);
-    util->zarn_free(util->zarn_malloc(16));
-}
-
 static void use_buffers(const zarn_util_module_t *util) {
     static uint8_t header[] = {0x45, 0x00, 0x00, 0x1c}, payload[] = {1, 2, 3, 4, 5, 6, 7};
     uint8_t bytes[16] = {0};
@@ -67,25 +54,6 @@ static void use_buffers(const zarn_util_module_t *util) {
     CHECK(gFreed == 0 && freed_with_argument == 0);
     util->isafe_delete_zarn_data(slice);
     CHECK(freed_with_argument == 1);
-}
-
-static void use_locks_and_queues(const zarn_util_module_t *util) {
-    rwlock_t rwlock;
-    zarn_fifo_t fifo;
-    zarn_data_t *packet = util->new_zarn_data(), *taken;
-    static char byte;
-
-    CHECK(util->create_rwlock(&rwlock, "client") == 0);
-    CHECK(util->read_lock(&rwlock) == 0 && util->upgrade_to_write(&rwlock) == 0);
-    CHECK(util->downgrade_to_read(&rwlock) == 0 && util->read_unlock(&rwlock) == 0);
-    CHECK(util->delete_rwlock(&rwlock) == 0);
-
-    CHECK(util->create_zarn_fifo(&fifo, "client", 1) == 0);
-    CHECK(util->append_zarn_data(packet, &byte, 1, NULL) == 0);
-    CHECK(util->enqueue_zarn_fifo_data(&fifo, packet) == 0);
-    CHECK(util->dequeue_zarn_fifo_data(&fifo, &taken, 0, 0) == 1 && taken == packet);
-    util->delete_zarn_fifo(&fifo);
-    util->delete_zarn_data(taken);
 }
 
 static void wake_client(zarn_timer_t *timer, void *arg) {
@@ -138,9 +106,7 @@ int run_client(void) {
     CHECK(kern_module_release(ZARN_UTIL_MODULE_NAME) == 0);
     CHECK(strcmp(util->head.name, ZARN_UTIL_MODULE_NAME) == 0 && util->head.flags == 0);
 
-    use_pools(util);
     use_buffers(util);
-    use_locks_and_queues(util);
     use_timers(util);
     use_the_rest(util);
 

@@ -60,20 +60,6 @@ TEST_F(mempool_test, EachChangeAdvancesTheGenerationWhichMayWrapAndAPopOfNothing
     EXPECT_EQ(stack.top.generation, generation += 2);
 }
 
-// What the generation is for: the head's old link leads to a node that is in use.
-TEST_F(mempool_test, AnExchangeWithAStaleLookFailsAlthoughTheHeadIsTheSame) {
-    pool_pointer pool = make_pool(32, 3);
-    tagged_pointer looked = read_stack_top(&pool->free_stack);
-    void *stale_link = static_cast<mp_descriptor *>(looked.pointer)->next;
-    void *first = mp_alloc(pool.get()), *second = mp_alloc(pool.get());
-    mp_free(pool.get(), first);
-    ASSERT_EQ(read_stack_top(&pool->free_stack).pointer, looked.pointer);
-    EXPECT_FALSE(compare_exchange_tagged(&pool->free_stack.top, looked, {stale_link, looked.generation + 1}));
-    mp_free(pool.get(), second);
-    EXPECT_EQ(mempool_fault(pool.get(), 3), nullptr);
-    EXPECT_EQ(free_blocks(pool.get()), 3);
-}
-
 TEST_F(mempool_test, ThreadsThatHammerOnePoolNeverMeetInABlock) {
     constexpr int kThreads = 4, kRounds = 20000;
     constexpr size_t kHeld = 3;  // of each thread at most, so that the pool also runs dry

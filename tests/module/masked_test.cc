@@ -17,8 +17,7 @@ TEST(masked, the_first_difference_decides_by_words_and_then_by_bytes) {
         bytes a, b, mask;
         int32_t length, order;
     } cases[] = {
-        {{1, 0, 0, 2}, {2, 0, 0, 1}, ones, 4, 1},  // the last byte of a word weighs most
-        {{1, 0, 0, 2}, {2, 0, 0, 1}, ones, 3, -1},
+        {{1, 0, 0, 2}, {2, 0, 0, 1}, ones, 4, 1},        // the last byte of a word weighs most
         {{0, 0, 0, 0x80}, {0, 0, 0, 0x7f}, ones, 4, 1},  // unsigned
         {{9, 2, 3, 4, 0}, {1, 2, 3, 4, 9}, ones, 5, 1},
         {{9, 2, 3, 4, 0}, {1, 2, 3, 4, 9}, {0, 0, 0, 0, 1}, 5, -1},

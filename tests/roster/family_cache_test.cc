@@ -169,13 +169,11 @@ TEST_F(family_cache_test, each_failure_gives_its_status_and_lines_and_leaves_not
          {"zarn_util: unable to find address family 1a's section in zarn.conf\n", closing_line("80007015")}},
         {3, ERR_NO_MEMORY, {closing_line("80000000")}},  // the family, its stacks, the names
         {1, ERR_NO_MEMORY, {stack, closing_line("80000000")}},
-        {7,
-         ERR_NO_MEMORY,
-         {entry, closing_line("80000000")}},  // its array; twice a name, its text, its insert
+        {7, ERR_NO_MEMORY, {entry, closing_line("80000000")}},  // its array; two names, once each
         {1, -1, {parse_failure("1 3 6", "ffffffff"), closing_line("ffffffff")}},  // the insert of the stack
         {1, -1, {closing_line("ffffffff")}},                                      // of the family
     };
-    provide_domains("1a {; out {; 3 {; 6 alpha beta; }; }; }");
+    provide_domains("1a {; out {; 3 {; 6 alpha beta alpha; }; }; }");
     const int32_t blocks = test_kernel::heap_blocks();
     int32_t call = 1;
     family_cache *cache = nullptr;
