@@ -175,38 +175,28 @@ TEST(connections, are_followed_from_their_handshake_to_their_end) {
 TEST(connections, in_the_captures_have_the_bytes_that_were_sent) {
     const struct {
         std::string path;
-        const char *connections, *datagrams;
-    } cases[] = {
-        {kSamples + "/nano.pcap",
-         "\"accepted\": 1, \"not_ended\": 0, \"client_bytes\": 77, \"server_bytes\": 5245",
-         "\"received\": 40"},
-        {kSamples + "/fragments.pcap", "\"accepted\": 0", "\"received\": 12"},
-        {kAll + "/http.pcap",
-         "\"accepted\": 10, \"not_ended\": 0, \"client_bytes\": 775, \"server_bytes\": 283100",
-         "\"received\": 0"},
-        {kAll + "/tcp-loss.pcap",
-         "\"accepted\": 2, \"not_ended\": 0, \"client_bytes\": 25966, \"server_bytes\": 288276",
-         "\"received\": 0"},
-        {kAll + "/mixed.pcap",
-         "\"accepted\": 35, \"not_ended\": 0, \"client_bytes\": 246551, \"server_bytes\": 329767, "
-         "\"refused\": 0, "
-         "\"failed\": 2",
-         "\"received\": 1482"},
-    };
+        unsigned long accepted, client_bytes, server_bytes, datagrams;
+    } cases[] = {{kSamples + "/nano.pcap", 1, 77, 5245, 40},
+                 {kSamples + "/fragments.pcap", 0, 0, 0, 12},
+                 {kAll + "/http.pcap", 10, 775, 283100, 0},
+                 {kAll + "/tcp-loss.pcap", 2, 25966, 288276, 0},
+                 {kAll + "/mixed.pcap", 35, 246551, 329767, 1482}};
     for (const auto &c : cases) {
         if (!std::filesystem::exists(c.path)) continue;  // the samples are always there
-        for (const strings &mode : {strings{}, strings{"--interrupt"}}) {
-            strings arguments = {"replay", "--json", c.path};
-            arguments.insert(arguments.end(), mode.begin(), mode.end());
-            program_result result = run_program(arguments);
-            EXPECT_EQ(result.code, 0) << result.err;
-            EXPECT_NE(result.out.find(c.connections), std::string::npos) << result.out;
-            EXPECT_NE(result.out.find(c.datagrams), std::string::npos) << result.out;
+        for (const char *mode : {"--json", "--interrupt"}) {
+            program_result result = run_program({"replay", "--json", c.path, mode});
+            for (const auto &[key, value] : {std::pair{"accepted", c.accepted},
+                                             {"not_ended", 0},
+                                             {"client_bytes", c.client_bytes},
+                                             {"server_bytes", c.server_bytes},
+                                             {"received", c.datagrams}}) {
+                std::string expected = "\"" + std::string(key) + "\": " + std::to_string(value);
+                EXPECT_NE(result.out.find(expected), std::string::npos)
+                    << expected << " is not in " << result.out;
+            }
         }
     }
 }
-
-// Settings
 
 TEST(settings, decide_which_protocols_receive) {
     const std::string sample = kSamples + "/nano.pcap", arp_only = "dl { 806 { 0 arp } }";
@@ -227,6 +217,12 @@ TEST(settings, decide_which_protocols_receive) {
         {ip + "in { 17 zarn_notify }", 0, {{"ip_other", "70"}}, "network/zarn_notify doesn't receive"},
     };
     const std::string conf = scratch_directory() + "/tried.conf";
+    write_file(conf, "domains {\n  2 { in { 1 icmp }\n");
+    for (const std::string &path : {conf, scratch_directory() + "/no.conf"}) {  // never read in part
+        program_result result = run_program({"replay", "--conf", path, sample});
+        EXPECT_EQ(std::to_string(result.code) + result.out, "1");
+        EXPECT_NE(result.err.find(path), std::string::npos) << result.err;
+    }
     for (const auto &c : cases) {
         SCOPED_TRACE(c.family);
         write_file(conf, "domains { 2 { " + c.family + " } }\n");
@@ -237,17 +233,6 @@ TEST(settings, decide_which_protocols_receive) {
         table_row row = parse_table(result.out)["nano.pcap"];
         for (const auto &[column, value] : c.counts)
             EXPECT_EQ(row[column], value) << column;
-    }
-}
-
-TEST(settings, are_refused_when_they_have_a_mistake_and_never_read_in_part) {
-    const std::string sample = kSamples + "/nano.pcap", conf = scratch_directory() + "/broken.conf";
-    write_file(conf, "domains {\n  2 { in { 1 icmp }\n");
-    for (const std::string &path : {conf, scratch_directory() + "/no.conf"}) {
-        program_result result = run_program({"replay", "--conf", path, sample});
-        EXPECT_EQ(result.code, 1);
-        EXPECT_EQ(result.out, "");
-        EXPECT_NE(result.err.find(path), std::string::npos) << result.err;
     }
 }
 
