@@ -145,8 +145,7 @@ TEST_F(timer_test, AThreadThatWasKeptAwayCatchesUpOrSkips) {
     }
 }
 
-// Three timers in one slot fire c, b, a. What the first hook does to itself or to the next one must neither
-// disturb the scan nor make it touch what is gone.
+// Three timers in one slot; what the first hook does must not disturb the scan.
 TEST_F(timer_test, AHookMayDoAnythingToAnyTimer) {
     struct {
         std::function<void(probe &self, probe &next)> act;
