@@ -1,6 +1,6 @@
 // SPDX-License-Identifier: MIT
 //
-// Creation, nodes, descriptors and the linking of memory.
+// Creation, nodes and descriptors.
 
 #include <cstring>
 
@@ -14,7 +14,6 @@ class buffer_test : public module_test {
  protected:
     int32_t medium_out() { return kMediumBlocks - free_blocks(gMP.medium_pool); }
 
-    scratch text;
     char memory[16] = "0123456789abcde";
 };
 
@@ -45,45 +44,6 @@ TEST_F(buffer_test, NodesGoFromTheLastOfEachPoolToTheFirst) {
         ASSERT_EQ(append_zarn_data(data, memory + i % 10, 1, nullptr), 0);
     }
     delete_zarn_data(data);
-}
-
-TEST_F(buffer_test, LinkingAtEveryOffset) {
-    struct {
-        uint32_t offset, length;
-        int32_t status;
-        const char *pieces;
-        int32_t nodes;  // taken for the data
-    } const cases[] = {
-        {0, 2, 0, "01|abc|def|", 1},
-        {6, 2, 0, "abc|def|01|", 1},
-        {7, 2, -1, "abc|def|", 0},
-        {3, 2, 0, "abc|01|def|", 1},
-        {1, 2, 0, "a|01|bc|def|", 2},
-        {5, 2, 0, "abc|de|01|f|", 2},
-        {0, 0, 0, "abc|def|", 0},
-        {6, 0, 0, "abc|def|", 0},  // nothing at either end registers nothing
-        {3, 0, 0, "abc||def|", 1},
-        {2, 0, 0, "ab||c|def|", 2},
-        {1, 0xfffffffa, -1, "abc|def|", 0},
-        {0, 0xfffffffa, -1, "abc|def|", 0},
-        {6, 0xfffffffa, -1, "abc|def|", 0},
-        {0xffffffff, 1, -1, "abc|def|", 0},
-    };
-    for (auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.offset << '+' << c.length);
-        zarn_data_t *data = text.buffer({"abc", "def"});
-        data->flags = DATA_CHECKSUM_CACHED | 0x1234;
-        int32_t nodes = data->nodepools->n;
-        gFreed.clear();
-        EXPECT_EQ(insert_zarn_data(data, c.offset, memory, c.length, note_free), c.status);
-        EXPECT_EQ(zarn_data_fault(data), nullptr);
-        EXPECT_EQ(pieces_of(data), c.pieces);
-        size_t linked = c.nodes != 0;
-        EXPECT_EQ(nodes - data->nodepools->n, c.nodes + linked) << "and one for the descriptor";
-        EXPECT_EQ(data->flags, linked ? 0x1234 : DATA_CHECKSUM_CACHED | 0x1234);
-        delete_zarn_data(data);
-        EXPECT_EQ(gFreed.size(), linked);
-    }
 }
 
 TEST_F(buffer_test, FourElementsShareADescriptorWhileItIsUnsharedAndOfOneKind) {

@@ -19,7 +19,7 @@ class slicing_test : public module_test {
                            uint32_t offset, uint32_t length) {
         if (operation == "append") return append_zarn_data(data, memory, 2, note_other_free);
         if (operation == "prepend") return prepend_zarn_data(data, memory, 2, note_other_free);
-        if (operation == "insert") return insert_zarn_data(data, offset, memory, 2, note_other_free);
+        if (operation == "insert") return insert_zarn_data(data, offset, memory, length, note_other_free);
         if (operation == "own") return add_free_element(data, memory, nullptr, note_other_free, 0);
         if (operation == "clone") return clone_zarn_data(data, src, offset, length);
         if (operation == "copy") return copy_zarn_data(data, src, offset, length);
@@ -86,6 +86,19 @@ class slicing_test : public module_test {
 
 TEST_F(slicing_test, EveryKindOfRange) {
     const char *const cases[][2] = {
+        {"insert 0 2", "ok ++|abc|def|ghi| 2 1010"},
+        {"insert 9 2", "ok abc|def|ghi|++| 2 1010"},
+        {"insert 3 2", "ok abc|++|def|ghi| 2 1010"},
+        {"insert 1 2", "ok a|++|bc|def|ghi| 2 1010"},
+        {"insert 0 0", "ok same"},
+        {"insert 9 0", "ok same"},  // nothing is registered
+        {"insert 3 0", "ok abc||def|ghi| 2 1010"},
+        {"insert 2 0", "ok ab||c|def|ghi| 2 1010"},
+        {"insert 10 2", "bad same"},
+        {"insert 4294967295 1", "bad same"},
+        {"insert 1 4294967287", "bad same"},
+        {"insert 0 4294967287", "bad same"},
+        {"insert 9 4294967287", "bad same"},
         {"clone 0 2", "ok abc|def|ghi|12| 3 5011"},
         {"copy 0 2", "ok abc|def|ghi|12| 2 5011"},
         {"clone 1 1", "ok abc|def|ghi|2| 3 5011"},
@@ -174,8 +187,8 @@ TEST_F(slicing_test, EveryRefusedAllocationLeavesWhatIsPromised) {
         {"1 append",
          {"mem abc|def|ghi|++| 1 1010", "mem abc|def|ghi|++| 1 1010", "ok abc|def|ghi|++| 2 1010"}},
         {"0 prepend", {"bad same", "mem ++|abc|def|ghi| 1 1010", "ok ++|abc|def|ghi| 2 1010"}},
-        {"0 insert 1", {"bad same", "mem a|++|bc|def|ghi| 1 1010", "ok a|++|bc|def|ghi| 2 1010"}},
-        {"1 insert 1", {"bad same", "mem a|++|bc|def|ghi| 1 1010", "ok a|++|bc|def|ghi| 2 1010"}},
+        {"0 insert 1 2", {"bad same", "mem a|++|bc|def|ghi| 1 1010", "ok a|++|bc|def|ghi| 2 1010"}},
+        {"1 insert 1 2", {"bad same", "mem a|++|bc|def|ghi| 1 1010", "ok a|++|bc|def|ghi| 2 1010"}},
         {"0 own", {"mem same", "mem same", "ok abc|def|ghi| 2 9010"}},
         {"0 clone 1 2", {"mem abc|def|ghi| 1 5011", "ok abc|def|ghi|2||3| 3 5011"}},
         {"1 clone 1 2", {"mem abc|def|ghi| 2 5011", "ok abc|def|ghi|2||3| 3 5011"}},
