@@ -62,12 +62,9 @@ bool open_classic(capture_reader *reader) {
     memset(reader->head + 16, 0, 4);
     FILE *stream = fopencookie(reader, "rb", {read_for_library, nullptr, nullptr, nullptr});
     if (stream == nullptr) return fail(reader, capture_status::kUnreadable, strerror(errno));
-    if (reader->size != 0) {
-        setvbuf(stream, nullptr, _IOFBF, kFileBuffer);
-    } else {
-        setvbuf(stream, nullptr, _IONBF,
-                0);  // a pipe: `read_for_library` waits for no more than is asked for
-    }
+    // Of a pipe no more is asked for than the library wants.
+    const size_t buffer = reader->size != 0 ? kFileBuffer : 0;
+    setvbuf(stream, nullptr, buffer != 0 ? _IOFBF : _IONBF, buffer);
     char message[PCAP_ERRBUF_SIZE] = "";
     reader->pcap = pcap_fopen_offline(stream, message);
     if (reader->pcap != nullptr) return true;
