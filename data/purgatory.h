@@ -26,7 +26,7 @@ struct data_purgatory {
 
     int32_t sem;  // constant; wakes the thread, and in the end tells the stop that the thread has left
     atomic_stack_t stack;  // the buffers, linked by their `next`
-    int32_t count;         // about how many buffers lie on the stack; a hint that may drift
+    int32_t count;         // about how many buffers lie on the stack; a hint, put right at each sleep
     int32_t threshold;     // constant; how many may lie there before a deletion wakes the thread
 };
 
