@@ -59,7 +59,7 @@ TEST(install, builds_a_module_with_one_compiler_line_or_the_cmake_package_and_ru
     EXPECT_NE(run(zarn + " conf --load " + scratch_directory() + "/hello.conf", 3)
                   .find("load family 2, out 9 253: failed (ffffffff)\n"),
               std::string::npos);
-    run(work + "CFLAGS=" + kWidth + " cmake -B build -DCMAKE_PREFIX_PATH=" + installation() +
+    run(work + "CFLAGS=" + kWidth + " cmake -G Ninja -B build -DCMAKE_PREFIX_PATH=" + installation() +
         " && cmake --build build && cmake --install build");
     expect_to_run(zarn);
 }
