@@ -115,7 +115,7 @@ void look_at_endpoints(endpoint_client *client) {
     }
     if (client->receiver != nullptr) {
         zarn_data_t *data;
-        while (operations(client->receiver)->take_datagram(client->receiver, &data) == 0) {
+        while (operations(client->receiver)->take_datagram(client->receiver, nullptr, &data) == 0) {
             client->totals.datagrams++;
             client->totals.datagram_bytes += data->length;
             util->delete_zarn_data(data);

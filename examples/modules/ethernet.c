@@ -75,5 +75,6 @@ static const sample_protocol_module gEthernet = {
     upper_at,
     take_counts,
     flush,
+    NULL,
     NULL};
 const void *const modules[] = {&gEthernet, NULL};

@@ -295,5 +295,6 @@ static const sample_protocol_module gIpv4 = {
     upper_at,
     take_counts,
     flush,
+    NULL,
     NULL};
 const void *const modules[] = {&gIpv4, NULL};

@@ -89,7 +89,7 @@ static inline void forget_uppers(void) {
 #define SAMPLE_PROTOCOL(name)                                                                              \
     {                                                                                                      \
         {{name, SAMPLE_PROTOCOL_FLAGS, start_or_stop}, init_protocol, uninit_protocol}, receive, upper_at, \
-            take_counts, forget_uppers, NULL                                                               \
+            take_counts, forget_uppers, NULL, NULL                                                         \
     }
 
 static inline void count_arrival(const zarn_data_t *data) {
@@ -103,6 +103,16 @@ static inline uint16_t read16(const uint8_t *bytes) {
 
 static inline uint32_t read32(const uint8_t *bytes) {
     return (uint32_t)read16(bytes) << 16 | read16(bytes + 2);
+}
+
+static inline void write16(uint8_t *bytes, uint32_t value) {
+    bytes[0] = (uint8_t)(value >> 8);
+    bytes[1] = (uint8_t)value;
+}
+
+static inline void write32(uint8_t *bytes, uint32_t value) {
+    write16(bytes, value >> 16);
+    write16(bytes + 2, value);
 }
 
 // `length` bytes of the packet from `offset` on in one piece, or null when they were not captured.

@@ -13,6 +13,9 @@
 //   the module that receives it.
 // - One thread at a time calls `receive` of the modules of one stack; `flush` and `take_counts` have no
 //   packets beside them. Endpoints may be used by other threads at any time.
+// - The protocols look on, unless they are attached to a device: then they are a host on its network, which
+//   answers. Everything then happens on one thread, the stack's: it receives, calls `attend`, and is the one
+//   that uses endpoints. Other threads, the timer thread among them, call nothing but `request_attention`.
 
 #ifndef SAMPLE_PROTOCOL_H
 #define SAMPLE_PROTOCOL_H
@@ -62,7 +65,61 @@ typedef struct sample_network_header {
     uint8_t destination[4];
     uint8_t protocol;
     sample_part part;
+    const struct sample_protocol_module *below;  // attached to a device: who sends the answer; else null
 } sample_network_header;
+
+// A live device, which the host supplies. Constant while protocols are attached to it.
+typedef struct sample_device {
+    uint8_t hardware[6];  // its Ethernet address
+    uint8_t address[4];   // the host's IPv4 address on it, as on the wire
+    uint32_t prefix;      // bits of `address` that name the network, 1 to 31: there is no way out of it
+    uint32_t mtu;         // most bytes behind the Ethernet header
+
+    // Sends a whole Ethernet frame and takes it over. A frame that the device has no room for is lost. On the
+    // stack's thread.
+    void (*transmit)(const struct sample_device *device, zarn_data_t *frame);
+
+    // How many more received frames may be kept. At 0 a protocol keeps nothing of what it receives: some
+    // frames' memory is held back for what is dealt with at once, so that acknowledgements still come
+    // through when everything is full. On the stack's thread.
+    uint32_t (*room)(const struct sample_device *device);
+
+    // Has the stack's thread call `attend` of all protocols soon. Any thread.
+    void (*request_attention)(const struct sample_device *device);
+} sample_device;
+
+// Whom a packet goes to, as the layer that sends it names it.
+typedef struct sample_destination {
+    uint8_t address[4];  // of the peer; below the network layer that of the next hop
+    uint16_t protocol;   // what the packet is to the layer that sends it: IP protocol number, EtherType
+} sample_destination;
+
+typedef enum sample_refusal { SAMPLE_NO_PROTOCOL = 2, SAMPLE_NO_PORT = 3 } sample_refusal;  // codes of ICMP
+
+// What a protocol does on a device. On the stack's thread; operations that a protocol has no use for are
+// null.
+typedef struct sample_host_operations {
+    // From now on the protocol is part of a host. `below` is the one that hands it its packets, null for the
+    // lowest. It looks its uppers up, so that `upper_at` tells them, without waiting for packets. Negative:
+    // nothing has changed.
+    int32_t (*attach)(const sample_device *device, const struct sample_protocol_module *below);
+
+    // Gives back what belongs to the device. Uppers first, with all of their endpoints deleted.
+    void (*detach)(void);
+
+    // Deals with what is due: that of timers that have run out, and whatever else can't be done where it comes
+    // up. Called after every batch of frames and after `request_attention`.
+    void (*attend)(void);
+
+    // Puts the protocol's header before `data` and sends it. Takes the buffer over, always; its memory may be
+    // shared with others, so nothing of it is written to. A packet that can't be delivered is lost, as it is
+    // on the wire.
+    void (*send)(zarn_data_t *data, const sample_destination *to);
+
+    // icmp: tells the sender of a packet, which is `data` from behind the network's header on, that it
+    // can't be delivered. The buffer stays the caller's.
+    void (*refuse)(zarn_data_t *data, const sample_network_header *network, sample_refusal why);
+} sample_host_operations;
 
 // A connection, seen from its listener. The client is who sent the SYN. Bytes are payload, and each place in
 // the stream counts once: what is sent again adds nothing, and a hole that nobody filled counts as sent.
@@ -75,25 +132,56 @@ typedef struct sample_connection {
     uint64_t server_bytes;
 } sample_connection;
 
-// The events that a protocol raises on its endpoints, beside EP_EVENT_READY.
-#define SAMPLE_EVENT_DATA 0u                // udp: a datagram has come
+// The other side of a datagram.
+typedef struct sample_peer {
+    uint8_t address[4];  // as on the wire
+    uint16_t port;
+} sample_peer;
+
+// The events that a protocol raises on its endpoints, beside EP_EVENT_READY. A hook may use the `take_` and
+// `send_` operations of the endpoint, `end_sending` too: none of them takes its lock or raises an event.
+#define SAMPLE_EVENT_DATA 0u                // udp: a datagram has come; tcp: see `take_bytes`
 #define SAMPLE_EVENT_ENDED EP_EVENT_STORED  // tcp: on a child, with one of the values below
 #define SAMPLE_CLOSED 1u                    // both sides have ended, or one has reset, the connection
 #define SAMPLE_FAILED 2u  // it never came about; the child is ready nevertheless, to be dequeued and deleted
 
-// What an endpoint whose `top_module` is a sample protocol can do. Thread level.
+// What an endpoint whose `top_module` is a sample protocol can do. Thread level. What a protocol can't do is
+// null.
 typedef struct sample_endpoint_operations {
-    // From now on what arrives is for this endpoint, until it is deleted; not while packets are received.
-    // ERR_DUPLICATE when another endpoint has it. A listener of tcp needs a backlog as well.
+    // From now on what arrives for the port in `copied_word_1`, 0 for all ports, is for this endpoint, until
+    // it is deleted; not while packets are received. ERR_DUPLICATE when another endpoint has the port. A
+    // listener of tcp needs a backlog as well. Children have their listener's port.
     int32_t (*open)(zarn_endpoint_t *ep);
 
-    // udp: hands out the payload of the oldest datagram that nobody has taken; the caller deletes it.
-    // ERR_WOULD_BLOCK when there is none. Null elsewhere.
-    int32_t (*take_datagram)(zarn_endpoint_t *ep, zarn_data_t **out);
+    // udp: hands out the payload of the oldest datagram that nobody has taken, and in `*from`, which may be
+    // null, who has sent it; the caller deletes it. ERR_WOULD_BLOCK when there is none.
+    int32_t (*take_datagram)(zarn_endpoint_t *ep, sample_peer *from, zarn_data_t **out);
 
-    // tcp: what there is to know about a child. Null elsewhere.
+    // tcp: what there is to know about a child.
     int32_t (*get_connection)(zarn_endpoint_t *ep, sample_connection *out);
+
+    // From here on only for endpoints of a host on a device.
+
+    // udp: sends a datagram. Takes the buffer over, unless it is too long: ERR_BAD_VALUE.
+    int32_t (*send_datagram)(zarn_endpoint_t *ep, const sample_peer *to, zarn_data_t *data);
+
+    // tcp: hands out the bytes that have come in order and that nobody has taken, and lets the peer send as
+    // many more. SAMPLE_EVENT_DATA is raised when there are such bytes, when the peer has ended its side, and when
+    // a refused `send_bytes` is worth another try. ERR_WOULD_BLOCK: nothing there yet; SAMPLE_NO_MORE: the
+    // peer has ended its side, and all has been taken.
+    int32_t (*take_bytes)(zarn_endpoint_t *ep, zarn_data_t **out);
+
+    // tcp: queues bytes, which stay in their memory until the peer has acknowledged them, and sends what it
+    // may. Takes the buffer over with 0. ERR_WOULD_BLOCK: no room now. SAMPLE_NO_MORE: this side has ended,
+    // or the connection is gone.
+    int32_t (*send_bytes)(zarn_endpoint_t *ep, zarn_data_t *data);
+
+    // tcp: ends this side behind what was queued. The connection ends when the peer has done so, too.
+    // Deleting an endpoint before SAMPLE_EVENT_ENDED resets the connection.
+    int32_t (*end_sending)(zarn_endpoint_t *ep);
 } sample_endpoint_operations;
+
+#define SAMPLE_NO_MORE (-2)
 
 // The `flags` of every sample protocol module: other modules do not have what follows `protocol`.
 #define SAMPLE_PROTOCOL_FLAGS 0x53414d50u
@@ -115,6 +203,7 @@ typedef struct sample_protocol_module {
     void (*flush)(void);
 
     const sample_endpoint_operations *endpoints;  // null: endpoints of this protocol do nothing
+    const sample_host_operations *host;           // null: the protocol only looks on
 } sample_protocol_module;
 
 // The messages that the sample protocols send through `zarn_notify`. The payload is a sample_notice.

@@ -266,12 +266,14 @@ static int32_t start_or_stop_tcp(int32_t op) {
     return status;
 }
 
-static const sample_endpoint_operations kEndpoints = {open_endpoint, NULL, get_connection};
+static const sample_endpoint_operations kEndpoints = {.open = open_endpoint,
+                                                      .get_connection = get_connection};
 static const sample_protocol_module gTcp = {
     {{"network/tcp", SAMPLE_PROTOCOL_FLAGS, start_or_stop_tcp}, init_tcp, uninit_tcp},
     receive,
     upper_at,
     take_counts,
     forget_uppers,
-    &kEndpoints};
+    &kEndpoints,
+    NULL};
 const void *const modules[] = {&gTcp, NULL};

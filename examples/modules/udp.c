@@ -24,16 +24,18 @@ static sample_verdict check(zarn_data_t *data, const sample_network_header *netw
     return transport_sum_ok(data, length, network) ? kGood : kBad;
 }
 
-// Takes the datagram over.
-static void deliver(zarn_data_t *data) {
+// Takes the datagram over. On the queue its two words tell who has sent it.
+static void deliver(zarn_data_t *data, const sample_network_header *network) {
     const uint8_t *header = map_bytes(data, 0, kHeader);
     uint32_t length = header != NULL ? read16(header + 4) : 0;
     if (gReceiver == NULL || length < kHeader || length > data->length) {
         gUtil->delete_zarn_data(data);
         return;
     }
+    data->user_word_1 = network != NULL ? read32(network->source) : 0;
+    data->user_word_2 = read16(header);
     if (length < data->length) gUtil->trim_zarn_data(data, length, data->length - length);
-    strip_header(data, kHeader);
+    gUtil->trim_zarn_data(data, 0, kHeader);
     if (gUtil->enqueue_zarn_fifo_data(gQueue, data) == 0) {
         gUtil->ep_notify_endpoint(gReceiver, SAMPLE_EVENT_DATA, length - kHeader);
     } else {
@@ -46,7 +48,7 @@ static void receive(zarn_data_t *data, const sample_network_header *network) {
     sample_verdict verdict = check(data, network);
     count_packet(data, network, verdict);
     if (verdict == kGood || verdict == kAbsent) {
-        deliver(data);
+        deliver(data, network);
     } else {
         gUtil->delete_zarn_data(data);
     }
@@ -79,19 +81,25 @@ static int32_t open_endpoint(zarn_endpoint_t *ep) {
     return 0;
 }
 
-static int32_t take_datagram(zarn_endpoint_t *ep, zarn_data_t **out) {
+static int32_t take_datagram(zarn_endpoint_t *ep, sample_peer *from, zarn_data_t **out) {
     proto_node *node = find_node(ep, &gUdp);
     if (node == NULL) return ERR_BAD_VALUE;
     int32_t status = gUtil->dequeue_zarn_fifo_data((zarn_fifo_t *)node->data, out, 0, 0);
-    return status < 0 ? status : 0;
+    if (status < 0) return status;
+    if (from != NULL) {
+        write32(from->address, (*out)->user_word_1);
+        from->port = (uint16_t)(*out)->user_word_2;
+    }
+    return 0;
 }
 
-static const sample_endpoint_operations kEndpoints = {open_endpoint, take_datagram, NULL};
+static const sample_endpoint_operations kEndpoints = {.open = open_endpoint, .take_datagram = take_datagram};
 static const sample_protocol_module gUdp = {
     {{"network/udp", SAMPLE_PROTOCOL_FLAGS, start_or_stop}, init_udp, uninit_udp},
     receive,
     upper_at,
     take_counts,
     forget_uppers,
-    &kEndpoints};
+    &kEndpoints,
+    NULL};
 const void *const modules[] = {&gUdp, NULL};
