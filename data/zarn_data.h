@@ -10,6 +10,7 @@
 #ifndef ZARN_DATA_ZARN_DATA_H
 #define ZARN_DATA_ZARN_DATA_H
 
+#include <zarn/memory_run.h>
 #include <zarn/zarn_data.h>
 
 extern "C" {
@@ -39,6 +40,11 @@ int32_t map_to_zarn_data(zarn_data_t *data, uint32_t offset, void **out, uint32_
 uint32_t get_zarn_checksum(const void *buf, uint32_t length, uint16_t seed);
 uint32_t get_zarn_data_checksum(zarn_data_t *data, uint32_t offset, uint32_t length);
 uint32_t copy_and_checksum_data(zarn_data_t *data, uint32_t offset, void *dest, uint32_t length);
+
+// memory_lock.cc: wiring and physical runs
+lock_token *lock_zarn_data(zarn_data_t *data);
+void unlock_zarn_data(lock_token *token);
+int32_t get_data_memory_map(zarn_data_t *data, memory_run *table, uint32_t count, uint8_t no_fault);
 
 // dump.cc: the debugger command "zarn_data"
 int32_t zarn_data_dump(int32_t argc, char **argv);

@@ -8,6 +8,7 @@
 
 #include "data/purgatory.h"
 #include "data/zarn_data.h"
+#include "memory/address_cache.h"
 #include "module/allocator.h"
 #include "module/incremental_checksum.h"
 #include "module/masked.h"
@@ -30,6 +31,11 @@ struct service {
 
 static constexpr service kServices[] = {
     {init_mempool, uninit_mempool},
+    {init_address_cache,
+     [] {
+         uninit_address_cache();
+         return 0;
+     }},
     {init_zarn_timers, uninit_zarn_timers},
     {[] { return init_data_purgatory(kPurgatoryThreshold); }, uninit_data_purgatory},
 };
@@ -108,7 +114,7 @@ static const zarn_util_module_t zarn_util_module = {
     .append_zarn_data = append_zarn_data,
     .insert_zarn_data = insert_zarn_data,
     .trim_zarn_data = trim_zarn_data,
-    .get_data_memory_map = nullptr,
+    .get_data_memory_map = get_data_memory_map,
     .get_zarn_data_iovecs = get_zarn_data_iovecs,
     .count_zarn_data_iovecs = count_zarn_data_iovecs,
     .copy_from_zarn_data = copy_from_zarn_data,
@@ -118,8 +124,8 @@ static const zarn_util_module_t zarn_util_module = {
     .copy_and_checksum_data = copy_and_checksum_data,
     .get_zarn_checksum = get_zarn_checksum,
     .incremental_checksum = incremental_checksum,
-    .lock_zarn_data = nullptr,
-    .unlock_zarn_data = nullptr,
+    .lock_zarn_data = lock_zarn_data,
+    .unlock_zarn_data = unlock_zarn_data,
     .zarn_create_tallylock = zarn_create_tallylock,
     .zarn_delete_tallylock = zarn_delete_tallylock,
     .zarn_lock_tallylock = zarn_lock_tallylock,
@@ -159,9 +165,9 @@ static const zarn_util_module_t zarn_util_module = {
     .delete_mempool = delete_mempool,
     .mp_alloc = mp_alloc,
     .mp_free = mp_free,
-    .cache_address_spec = nullptr,
-    .free_address_spec = nullptr,
-    .get_cached_memory_map = nullptr,
+    .cache_address_spec = cache_address_spec,
+    .free_address_spec = free_address_spec,
+    .get_cached_memory_map = get_cached_memory_map,
     ._enter_prof_func = nullptr,
     ._exit_prof_func = nullptr,
     .log_data_path = log_data_path,

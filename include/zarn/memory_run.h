@@ -12,4 +12,8 @@ typedef struct memory_run {
     uint32_t size;      // bytes; 0 in the first entry of a table means that the range has no mapping
 } memory_run;
 
+#ifdef __cplusplus
+static_assert(sizeof(memory_run) == 2 * sizeof(void *));  // the kernel writes tables of them
+#endif
+
 #endif

@@ -121,9 +121,10 @@ struct kernel {
     std::map<std::string, provided_module> modules;
     std::map<std::string, std::vector<parameter>> files;
     std::map<void *, std::unique_ptr<settings_handle>> handles;
-    std::map<const void *, uint32_t> wired;
+    std::multimap<const void *, uint32_t> wired;
     std::map<uintptr_t, uint32_t> unmapped;
     intptr_t physical_offset = 0;
+    int32_t most_runs = INT32_MAX;
     std::list<std::shared_ptr<point>> points;
 
     std::unordered_map<const void *, size_t> heap;
@@ -492,6 +493,7 @@ void reset() {
     k().next_sem = -1;
     k().sem_calls = k().heap_calls = 0;
     k().physical_offset = 0;
+    k().most_runs = INT32_MAX;
     k().sems.clear();
     k().threads.clear();
     k().regions.clear();
@@ -833,6 +835,11 @@ void set_physical_offset(intptr_t offset) {
     k().physical_offset = offset;
 }
 
+void set_most_runs(int32_t runs) {
+    lock held(k().mutex);
+    k().most_runs = runs;
+}
+
 void unmap(const void *address, uint32_t length) {
     lock held(k().mutex);
     k().unmapped[reinterpret_cast<uintptr_t>(address)] = length;
@@ -976,15 +983,20 @@ int32_t kern_region_delete(int32_t id) {
 int32_t kern_memory_lock(void *address, uint32_t length, uint32_t flags) {
     lock held(k().mutex);
     enter(held, "memory_lock", -1, "", kThreadLevel, line(address, length, flags));
-    k().wired[address] = length;
+    k().wired.emplace(address, length);
     return 0;
 }
 
 int32_t kern_memory_unlock(void *address, uint32_t length, uint32_t flags) {
     lock held(k().mutex);
     enter(held, "memory_unlock", -1, "", kThreadLevel, line(address, length, flags));
-    if (k().wired.erase(address) == 0)
+    auto [first, last] = k().wired.equal_range(address);
+    auto found = std::find_if(first, last, [=](const auto &range) { return range.second == length; });
+    if (found == last) {
         k().violations.push_back(line("memory_unlock of", address, "which isn't wired"));
+        return -1;
+    }
+    k().wired.erase(found);
     return 0;
 }
 
@@ -992,6 +1004,10 @@ int32_t kern_memory_map(const void *address, uint32_t length, memory_run *table,
     lock held(k().mutex);
     enter(held, "memory_map", -1, "", kThreadLevel, line(address, length, entries));
     if (entries <= 0) return -1;
+    if (fails(kMemoryMap)) {
+        table[0] = {0, 0};
+        return kRefused;
+    }
     uintptr_t at = reinterpret_cast<uintptr_t>(address);
     for (auto &[start, size] : k().unmapped) {
         if (at < start + size && start < at + length) {
@@ -1000,14 +1016,15 @@ int32_t kern_memory_map(const void *address, uint32_t length, memory_run *table,
         }
     }
     int32_t filled = 0;
+    entries = std::min(entries, k().most_runs);
     for (; length != 0 && filled < entries; ++filled) {
         uint32_t in_page = std::min(length, kPage - static_cast<uint32_t>(at % kPage));
         table[filled] = {at + static_cast<uintptr_t>(k().physical_offset), in_page};
         at += in_page;
         length -= in_page;
     }
-    if (filled < entries) table[filled] = {0, 0};
-    return 0;
+    if (filled == 0) table[0] = {0, 0};
+    return filled;
 }
 
 void *kern_settings_load(const char *name) {

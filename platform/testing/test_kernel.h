@@ -178,7 +178,8 @@ enum fallible : unsigned {
     kRegionCreate = 8,
     kSettings = 16,  // load and tree
     kModuleAcquire = 32,
-    kEverything = 63
+    kMemoryMap = 64,  // finds no mapping
+    kEverything = 127
 };
 
 constexpr int32_t kRefused = -1100;  // the result of a call that fails on demand and returns a status
@@ -211,9 +212,10 @@ int32_t module_references(const std::string &path);
 
 // ---- Memory map
 
-// What kern_memory_map does with each page: physical = virtual + offset; a range can be without any
-// mapping.
+// What kern_memory_map does with each page, which is a run of its own: physical = virtual + offset. A call
+// fills no more than `runs` entries, as many as there are by default. A range can be without any mapping.
 void set_physical_offset(intptr_t offset);
+void set_most_runs(int32_t runs);
 void unmap(const void *address, uint32_t length);
 
 }  // namespace test_kernel
