@@ -157,7 +157,8 @@ typedef struct zarn_util_module_t {
     //
     // -1: more entries are needed, a piece is not in the cache and `no_fault` is set, the kernel has no run
     // for a piece, or no memory to ask it (2048 bytes). `table` holds what was filled until then; how much is
-    // not told. A piece without bytes has no run. Thread level; pools, then heap.
+    // not told. A piece without bytes has no run.
+    // Context: blocks. Fails: -1.
     int32_t (*get_data_memory_map)(zarn_data_t *data, memory_run *table, uint32_t count, uint8_t no_fault);
 
     // Fills `table` with the pieces of the data in order, up to `count`; returns how many.
@@ -217,7 +218,7 @@ typedef struct zarn_util_module_t {
     // Context: any.
     uint32_t (*incremental_checksum)(uint16_t checksum, uint16_t old_word, uint16_t new_word);
 
-    // -- Wiring of buffers, so that their memory stays where it is while hardware works on it. Thread level.
+    // -- Wiring of buffers, so that their memory stays where it is while hardware works on it.
 
     // Wires every piece of the data and puts its runs into the cache, for the calling thread. Sets
     // DATA_LOCKED. The token is the caller's: `unlock_zarn_data`, on any thread, and then `zarn_free`. The
@@ -225,12 +226,12 @@ typedef struct zarn_util_module_t {
     // the buffer later are not covered. A buffer may be locked several times, with a token each.
     //
     // Null, with nothing locked, when DATA_NEEDS_LOCK is clear, when the buffer is empty and without memory.
-    // A piece that can't be cached is wired all the same, and mapping it asks the kernel. Blocks. Pools, then
-    // heap.
+    // A piece that can't be cached is wired all the same, and mapping it asks the kernel.
+    // Context: blocks. Fails: null.
     lock_token *(*lock_zarn_data)(zarn_data_t *data);
 
     // Undoes one lock. The token is not freed, and DATA_LOCKED stays set in the buffer. Null does nothing.
-    // Blocks.
+    // Context: blocks.
     void (*unlock_zarn_data)(lock_token *token);
 
     // -- Tallylocks. The record and its rules are in <zarn/zarn_tallylock.h>.
@@ -480,23 +481,25 @@ typedef struct zarn_util_module_t {
     // Context: any.
     void (*mp_free)(mempool_t *pool, void *block);
 
-    // -- The cache of physical address runs, which `lock_zarn_data` fills; also for memory in no buffer.
-    // Thread level: a lock guards it. The cache wires nothing: the caller wires the memory before and keeps
-    // it wired until it has freed the spec.
+    // -- The cache of physical address runs, which `lock_zarn_data` fills; also for memory in no buffer. The
+    // cache wires nothing: the caller wires the memory before and keeps it wired until it has freed the spec.
 
     // Asks the kernel for the runs of the range and enters them, for one thread or, with a `thread` of 0, for
     // all. The spec is the caller's until `free_address_spec`. Null, with nothing entered, for a `length` of
-    // 0, a range beyond the end of the address space, one without a mapping, and without memory. Blocks. One
-    // small block for a range within a page; beyond 2048 bytes the heap.
+    // 0, a range beyond the end of the address space, one without a mapping, and without memory. Takes one
+    // small block for a range within a page.
+    // Context: blocks. Fails: null.
     address_spec *(*cache_address_spec)(void *addr, uint32_t length, int32_t thread);
 
     // Takes the range out of the cache and frees the spec, once, on any thread. Null does nothing.
+    // Context: thread.
     void (*free_address_spec)(address_spec *spec);
 
     // Fills `table` with the runs of the range from the cache, without asking the kernel, and returns how
     // many of the `count` entries (1 or more) were filled. Of several specs that hold the whole range, the
     // one entered last gives them. 0: no spec of this thread or of all holds the whole range, or the kernel
     // had runs for a part of it only. -1: more entries are needed; those that there are were filled.
+    // Context: thread. Fails: 0, -1.
     int32_t (*get_cached_memory_map)(void *addr, uint32_t length, memory_run *table, uint32_t count);
 
     // -- The profiler; null in this version.
