@@ -1101,6 +1101,7 @@ int32_t kern_module_release(const char *path) {
 int32_t kern_debug_add_command(const char *name, kern_debug_command function, const char *help) {
     lock held(k().mutex);
     enter(held, "debug_add_command", -1, name, kThreadLevel);
+    if (fails(kDebugCommand)) return kRefused;
     return k().commands.emplace(name, command{function, help}).second ? 0 : -1;
 }
 

@@ -179,7 +179,8 @@ enum fallible : unsigned {
     kSettings = 16,  // load and tree
     kModuleAcquire = 32,
     kMemoryMap = 64,  // finds no mapping
-    kEverything = 127
+    kEverything = 127,
+    kDebugCommand = 128  // whose failure nobody has to care about
 };
 
 constexpr int32_t kRefused = -1100;  // the result of a call that fails on demand and returns a status
