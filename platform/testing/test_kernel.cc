@@ -26,6 +26,7 @@ void *__real_malloc(size_t size);
 void *__real_calloc(size_t count, size_t size);
 void __real_free(void *block);
 char *__real_strdup(const char *text);
+void __gcov_dump() __attribute__((weak));  // there when coverage is measured
 }
 
 namespace test_kernel {
@@ -1145,6 +1146,7 @@ void kern_halt(const char *format, ...) {
     va_start(args, format);
     vfprintf(stderr, format, args);
     va_end(args);
+    if (__gcov_dump != nullptr) __gcov_dump();
     abort();
 }
 
