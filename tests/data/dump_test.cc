@@ -55,4 +55,7 @@ TEST_F(dump_test, PrintsBothListsAndThePoolsAndGivesUpOnLoops) {
         }
         delete_zarn_data(data);
     }
+    char command[] = "zarn_data", *argv[] = {command, command};
+    EXPECT_EQ(zarn_data_dump(2, argv), 0) << "what is no address";
+    EXPECT_EQ(test_kernel::take_debug_output(), "");
 }

@@ -146,6 +146,15 @@ TEST_F(slicing_test, EveryKindOfRange) {
     }
 }
 
+TEST_F(slicing_test, ABufferEndsAtFourGibibytes) {
+    zarn_data_t *full = new_zarn_data(), *src = text.buffer({"a"});
+    ASSERT_EQ(append_zarn_data(full, text("never read"), UINT32_MAX, nullptr), 0);
+    for (auto add : {clone_zarn_data, copy_zarn_data})
+        EXPECT_EQ(add(full, src, 0, 1), -1);
+    delete_zarn_data(full);
+    delete_zarn_data(src);
+}
+
 TEST_F(slicing_test, FlagsThatComeAlong) {
     const uint16_t cases[][4] = {
         // of the source and the destination; what a clone and a copy make of the latter
@@ -173,6 +182,8 @@ TEST_F(slicing_test, ACorruptBufferHaltsTheSystem) {
                  "trimming data .* of length 9 at offset 2 size 7 with no memnodes!\n");
     void *out = nullptr;
     EXPECT_EQ(map_to_zarn_data(data, 5, &out, 2), -1);
+    data->datalist = nullptr;
+    EXPECT_DEATH(trim_zarn_data(data, 0, 1), "with no memnodes!\n");
     delete_zarn_data(data);
 }
 

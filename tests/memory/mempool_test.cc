@@ -41,6 +41,9 @@ TEST_F(mempool_test, ANewPoolHandsOutItsBlocksUpwardAndThenNothing) {
     }
     for (int32_t count : {0, -1})
         EXPECT_EQ(mp_alloc(make_pool(32, count).get()), nullptr);
+    if (sizeof(void *) == 4) {
+        EXPECT_EQ(new_mempool(gMemory, 32, INT32_MAX), nullptr) << "the size of its record wraps";
+    }
     test_kernel::fail_call(1);
     EXPECT_EQ(new_mempool(gMemory, 32, kBlocks), nullptr);
 }

@@ -97,6 +97,10 @@ TEST_F(allocator_start_test, AFailedStartOfTheAllocatorLeavesNothing) {
         EXPECT_EQ(test_kernel::leftovers(), "");
         test_kernel::clear_journal();
     });
+    ASSERT_EQ(init_mempool(), 0);
+    for (mempool_t **pool : {&gMP.small_pool, &gMP.medium_pool, &gMP.large_pool})
+        delete_mempool(std::exchange(*pool, nullptr));
+    EXPECT_EQ(uninit_mempool(), 0) << "a pool that isn't there is left alone";
     gMP = {};
 }
 

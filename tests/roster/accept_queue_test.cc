@@ -124,6 +124,10 @@ TEST_F(accept_queue_test, a_child_that_cannot_be_made_changes_nothing) {
     const int32_t blocks = test_kernel::heap_blocks(), room = std::exchange(listener_->room, kRoomClosed);
     EXPECT_EQ(ep_spawn_endpoint(listener_), nullptr);
     EXPECT_EQ(ep_dequeue_endpoint(listener_), nullptr);
+    zarn_endpoint_t orphan = {};
+    orphan.parent = listener_;
+    ep_ready_endpoint(&orphan);
+    EXPECT_EQ(listener_->ready_head, nullptr);
     listener_->room = room;
     const auto expect_unchanged = [&](const zarn_endpoint_t *child) {
         EXPECT_EQ(child, nullptr);

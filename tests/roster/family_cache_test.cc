@@ -142,6 +142,7 @@ TEST_F(family_cache_test, finds_a_section_by_its_exact_name_in_the_first_domains
         {"domains {;1A {;};01a {;};0x1a {;};26 {;};}", 26, ERR_NO_FAMILY},
         {"domains {;};domains {;1a {;};};Domains {;1a {;};};1a {;}", 26, ERR_NO_FAMILY},
         {"domains {;0 {;};}", 0, 0},
+        {"other", 0, ERR_NO_FAMILY},
         {"domains {;ffffffff {;};}", 0xffffffff, 0},
     };
     for (const auto &each : cases) {

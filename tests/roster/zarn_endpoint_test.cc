@@ -4,6 +4,7 @@
 
 #include <zarn/status.h>
 
+#include "module/tallylock.h"
 #include "tests/roster/roster_fixture.h"
 #include "tests/support/failures.h"
 
@@ -42,7 +43,9 @@ TEST_F(zarn_endpoint_test, builds_the_chain_from_the_last_module_and_takes_it_do
     EXPECT_EQ(ep_spawn_endpoint(ep_), nullptr);
     EXPECT_EQ(test_kernel::journal("sem_create"), (lines{"sem_create \"ep lock\" 0"}));
 
+    zarn_delete_tallylock(&ep_->lock);
     ep_delete_endpoint(ep_);
+    EXPECT_EQ(test_kernel::journal("sem_delete").size(), 1u);
     EXPECT_EQ(protocols::take_trace(), (lines{"uninit alpha", "uninit beta", "uninit gamma"}));
     EXPECT_EQ(release_family_ref(26), 0) << "the reference is the client's to give back";
     EXPECT_EQ(ep_new_endpoint(&ep_, 27, 1, 3), ERR_NO_FAMILY);

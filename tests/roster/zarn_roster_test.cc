@@ -114,7 +114,11 @@ TEST_F(zarn_roster_test, finds_a_stack_by_section_keys_and_wild_cards) {
 
 TEST_F(zarn_roster_test, inbound_tables_go_out_only_while_the_family_is_held) {
     void *table = this;
+    void **tables;
+    int32_t count;
     EXPECT_EQ(get_inbound_proto(26, 6, nullptr), ERR_BAD_VALUE);
+    EXPECT_EQ(get_outbound_protos(0, 26, 1, 6, nullptr, &count), ERR_BAD_VALUE);
+    EXPECT_EQ(get_outbound_protos(0, 26, 1, 6, &tables, nullptr), ERR_BAD_VALUE);
     EXPECT_EQ(get_inbound_proto(26, 6, &table), -1);
     EXPECT_EQ(take_log(), (lines{"zarn_util: loading stack 1a 0 0 6\n", kDropped}));
     EXPECT_EQ(take_module_calls(), "+alpha -alpha ");

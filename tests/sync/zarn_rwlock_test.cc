@@ -103,6 +103,33 @@ TEST_F(rwlock_test, AUnitReleasedBeforeTheWaiterCameIsNotLost) {
     }
 }
 
+// The deletion finds one thread in its wait, or on its way there, and one that is about to let it in.
+TEST_F(rwlock_test, NobodyGetsPastADeletedLock) {
+    const struct {
+        operation before, waits, leaves;
+    } cases[] = {
+        {write_lock, read_lock, write_unlock},       {write_lock, write_lock, write_unlock},
+        {write_lock, write_lock, downgrade_to_read}, {read_lock, write_lock, read_unlock},
+        {read_lock, write_lock, upgrade_to_write},
+    };
+    for (const auto &c : cases) {
+        SCOPED_TRACE(&c - cases);
+        ASSERT_EQ(by(1, c.before), 0);
+        const uint32_t count = lock.count;
+        auto waiter = begun(2, c.waits);
+        while (__atomic_load_n(&lock.count, __ATOMIC_ACQUIRE) == count)
+            std::this_thread::yield();
+        stopping_point window("sem_release");
+        auto leaver = begun(1, c.leaves);
+        window.wait();
+        delete_rwlock(&lock);
+        window.go_on();
+        EXPECT_EQ(waiter->join(), kDeadSemaphore);
+        EXPECT_EQ(leaver->join(), kDeadSemaphore);
+        ASSERT_EQ(create_rwlock(&lock, "rw"), 0);
+    }
+}
+
 // The lock as its rules tell it: who is in, who waits, who is let in.
 struct model {
     std::set<int32_t> in, waiting;  // readers
