@@ -8,6 +8,7 @@
 
 #include "data/purgatory.h"
 #include "data/zarn_data.h"
+#include "diagnostics/profiler.h"
 #include "memory/address_cache.h"
 #include "module/allocator.h"
 #include "module/incremental_checksum.h"
@@ -80,7 +81,12 @@ remove_command:
 int32_t uninit_util() {
     // The roster refuses while a family is cached. Its modules use the services, so those stay as well.
     const int32_t status = uninit_roster();
-    if (status == 0) uninit_pools();
+    if (status == 0) {
+        uninit_pools();
+        // Behind the services: until their threads are gone, a hook or a free function of a client may still
+        // run through a bracket. The profiler needs none of them, its records come from the heap.
+        uninit_profiler();
+    }
     kern_debug_remove_command("zarn_data", zarn_data_dump);
     return status;
 }
@@ -100,7 +106,6 @@ int32_t std_ops(int32_t op) {
 static void log_data_path() {}
 static void print_memuse() {}
 
-// Positions that are null belong to services that this module does not have.
 static const zarn_util_module_t zarn_util_module = {
     .head = {.name = ZARN_UTIL_MODULE_NAME, .flags = 0, .std_ops = std_ops},
     .new_zarn_data = new_zarn_data,
@@ -168,8 +173,8 @@ static const zarn_util_module_t zarn_util_module = {
     .cache_address_spec = cache_address_spec,
     .free_address_spec = free_address_spec,
     .get_cached_memory_map = get_cached_memory_map,
-    ._enter_prof_func = nullptr,
-    ._exit_prof_func = nullptr,
+    ._enter_prof_func = _enter_prof_func,
+    ._exit_prof_func = _exit_prof_func,
     .log_data_path = log_data_path,
     .print_memuse = print_memuse,
     .ep_new_endpoint = ep_new_endpoint,

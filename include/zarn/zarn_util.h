@@ -36,6 +36,7 @@
 #include <zarn/zarn_data.h>
 #include <zarn/zarn_endpoint.h>
 #include <zarn/zarn_fifo.h>
+#include <zarn/zarn_profiler.h>
 #include <zarn/zarn_rwlock.h>
 #include <zarn/zarn_tallylock.h>
 #include <zarn/zarn_timer.h>
@@ -502,9 +503,19 @@ typedef struct zarn_util_module_t {
     // Context: thread. Fails: 0, -1.
     int32_t (*get_cached_memory_map)(void *addr, uint32_t length, memory_run *table, uint32_t count);
 
-    // -- The profiler; null in this version.
+    // -- The profiler. What it measures, and where to read that, is in <zarn/zarn_profiler.h>.
+    //
+    // The name of a bracket is `prefix`, ":" and `suffix`, cut to 1023 bytes. `flags` are PROF_RECORD,
+    // PROF_LOG and PROF_BREAK; with 0 the calls do nothing. A measurement that can't be had is lost, with a
+    // line in the log unless it was for want of memory. Brackets may nest, and the same name may be open more
+    // than once. Not for code that runs at interrupt level.
 
+    // Opens a bracket; what the call itself takes is not measured.
+    // Context: thread.
     void (*_enter_prof_func)(const char *prefix, const char *suffix, int32_t flags);
+
+    // Closes a bracket: the same thread, name and flags as at the enter, or nothing is found to close.
+    // Context: thread.
     void (*_exit_prof_func)(const char *prefix, const char *suffix, int32_t flags);
 
     // -- Kept for their positions: they read nothing and do nothing.

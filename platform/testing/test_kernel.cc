@@ -856,7 +856,8 @@ int32_t kern_sem_create(int32_t count, const char *name) {
     lock held(k().mutex);
     enter(held, "sem_create", -1, name, kThreadLevel, std::to_string(count));
     if (fails(kSemCreate)) return kRefused;
-    int32_t id = k().next_sem >= 0 ? std::exchange(k().next_sem, -1) : ++k().last_id;
+    int32_t id = k().next_sem != -1 ? std::exchange(k().next_sem, -1) : ++k().last_id;
+    if (id < 0) return id;
     k().sems.emplace(id, semaphore{name, count, {}});
     return id;
 }
@@ -948,6 +949,7 @@ int32_t kern_thread_info(int32_t id, void *record, uint32_t size) {
     lock held(k().mutex);
     enter(held, "thread_info", id, "", kThreadLevel, line(id, size));
     constexpr uint32_t kSize = 76, kUserAt = 52, kKernelAt = 60;
+    if (fails(kThreadInfo)) return kRefused;
     if (size != kSize) return -1;
     memset(record, 0, size);
     memcpy(static_cast<char *>(record) + kUserAt, &k().user_time, sizeof k().user_time);

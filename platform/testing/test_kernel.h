@@ -125,7 +125,7 @@ int32_t sem_waiters(object sem);  // threads in line
 void wait_until_blocked(object sem, int32_t threads = 1);  // until that many threads stand in line
 int32_t interrupt_waiters(object sem);  // those that allow it leave with kInterrupted; returns how many
 int32_t sem_calls();                    // acquires and releases of all threads since the last reset
-void set_next_sem(int32_t id);          // the id of the semaphore that is created next
+void set_next_sem(int32_t id);  // the id of the semaphore that is created next; a status to refuse it with
 
 // Holds the first thread that makes a call on an object, before the call has any effect. The thread that
 // set the point passes. Without an object every call of that name matches.
@@ -179,8 +179,9 @@ enum fallible : unsigned {
     kSettings = 16,  // load and tree
     kModuleAcquire = 32,
     kMemoryMap = 64,  // finds no mapping
-    kEverything = 127,
-    kDebugCommand = 128  // whose failure nobody has to care about
+    kThreadInfo = 128,
+    kEverything = 255,
+    kDebugCommand = 256  // whose failure nobody has to care about
 };
 
 constexpr int32_t kRefused = -1100;  // the result of a call that fails on demand and returns a status

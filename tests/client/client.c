@@ -143,6 +143,8 @@ static void use_memory(void) {
     CHECK(OP(47, zarn_masked_cmp)(a, b, mask, 1) == 0);
     OP(48, zarn_masked_copy)(b, a, mask, 1);
     CHECK(b[0] == 0x01);
+    OP(66, _enter_prof_func)("client", "profiled", PROF_RECORD);
+    OP(67, _exit_prof_func)("client", "profiled", PROF_RECORD);
     OP(68, log_data_path)();
     OP(69, print_memuse)();
 }

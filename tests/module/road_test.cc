@@ -122,6 +122,7 @@ TEST_F(kernel_test, TheRoadOfAPacketAndOfAConnection) {
     test_kernel::provide_module("network/stream", &gStream);
     ASSERT_EQ(std_ops(MODULE_START), 0);
     gUtil = static_cast<const zarn_util_module_t *>(modules[0]);
+    gUtil->_enter_prof_func("road", "to nowhere", PROF_RECORD);  // closed by nobody
 
     // Whoever receives frames asks for the stack of their type: with that the family is loaded and held.
     void **wire;
@@ -185,6 +186,7 @@ TEST_F(kernel_test, TheRoadOfAPacketAndOfAConnection) {
     EXPECT_EQ(gFramesOut, 1);
     EXPECT_EQ(std_ops(MODULE_STOP), -1);
     EXPECT_FALSE(test_kernel::has_debug_command("zarn_data"));
+    EXPECT_TRUE(test_kernel::has_debug_command("prof_real"));
 
     // The refused stop has left all else in service: another peer connects, and goes with the listener.
     EXPECT_EQ(receive("TS"), 0);
