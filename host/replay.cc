@@ -15,15 +15,12 @@
 #include "host/connections.h"
 #include "host/exit_codes.h"
 #include "host/heap_meter.h"
-#include "host/kernel_log.h"
 #include "host/pipeline.h"
-#include "host/places.h"
 #include "host/progress.h"
 #include "host/protocol_stack.h"
 #include "host/report.h"
+#include "host/run.h"
 #include "host/stop_signals.h"
-#include "platform/hosted/hosted_kernel.h"
-#include "platform/hosted/settings.h"
 #include "platform/kern.h"
 
 namespace {
@@ -34,17 +31,14 @@ constexpr char kUsage[] =
     "Reads Ethernet captures (pcap of either byte order, pcapng), takes every frame through a queue to\n"
     "the protocol modules that the settings name, and prints what these have counted, and the TCP\n"
     "connections and UDP datagrams that endpoints have received. FILE can be - for the standard input.\n"
-    "\n"
-    "  --conf FILE    the settings (default: zarn.conf beside the program, or where it is installed)\n"
-    "  --modules DIR  where the modules lie (default: the directory modules beside the program)\n"
+    "\n" RUN_OPTIONS_HELP
     "  --tsv          a header line, and a row of tab-separated values for each file\n"
     "  --json         a JSON object on a line for each file\n"
     "  --rate N       receive N frames a second (default: as fast as they can be read)\n"
     "  --repeat N     read each file N times (default: once)\n"
     "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
-    "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n"
-    "  --log          show all of the kernel's log on stderr, not only what is out of the ordinary\n"
+    "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n" RUN_LOG_HELP
     "  --help         this text\n"
     "\n"
     "A file's status is ok, cut (it ends inside a record), damaged (it holds a record that cannot be),\n"
@@ -59,14 +53,12 @@ constexpr char kUsage[] =
 constexpr uint64_t kMostBacklog = 1'000'000;
 
 struct replay_options {
-    std::string modules;
-    std::string settings;
+    run_options run;
     report_style style;
     uint64_t rate = 0;  // frames per second, 0 for no limit
     uint64_t repeat = 1;
     uint64_t backlog = kDefaultBacklog;
     bool interrupts = false;
-    bool log = false;
     std::vector<const char *> files;
 };
 
@@ -106,10 +98,10 @@ int parse_options(int argc, char **argv, replay_options *options) {
     for (int found; (found = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1;) {
         switch (found) {
             case kModules:
-                options->modules = optarg;
+                options->run.modules = optarg;
                 break;
             case kConf:
-                options->settings = optarg;
+                options->run.settings = optarg;
                 break;
             case kTsv:
                 tsv = true;
@@ -135,7 +127,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
                 options->interrupts = true;
                 break;
             case kLog:
-                options->log = true;
+                options->run.log = true;
                 break;
             case kHelp:
             case 'h':
@@ -154,8 +146,6 @@ int parse_options(int argc, char **argv, replay_options *options) {
             return usage_error("the standard input can't be read more than once");
     }
     if (options->files.empty()) return usage_error("no file named");
-    if (options->modules.empty()) options->modules = default_module_directory();
-    if (options->settings.empty()) options->settings = default_settings_file();
     return -1;
 }
 
@@ -266,29 +256,6 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
 
-// Whether all blocks are back in their pools; says so on stderr when they are not.
-bool pools_are_full(const std::array<pool_state, kPools> &pools) {
-    bool full = true;
-    for (const pool_state &pool : pools) {
-        if (pool.out == 0) continue;
-        fprintf(stderr, "zarn: %" PRIu32 " blocks of the %s pool were not given back\n", pool.out, pool.name);
-        full = false;
-    }
-    return full;
-}
-
-// Whether the kernel is as empty as before the first module was loaded.
-bool kernel_is_empty() {
-    hosted_counts counts = hosted_count_objects();
-    if (counts.modules == 0 && counts.module_references == 0 && counts.semaphores == 0 &&
-        counts.threads == 0 && counts.regions == 0 && counts.debug_commands == 0) {
-        return true;
-    }
-    fprintf(stderr, "zarn: the modules have left something behind:\n");
-    hosted_log_objects();
-    return false;
-}
-
 // Replays the files. Returns an exit code.
 int replay_files(const replay_options &options, const protocol_stack *stack) {
     endpoint_client client;
@@ -332,15 +299,6 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     return code;
 }
 
-// The modules read the settings when they need them; a file with a mistake is better refused at once. What is
-// wrong with it stands in the log.
-bool settings_are_sound() {
-    void *settings = kern_settings_load("zarn.conf");
-    if (settings == nullptr) return false;
-    kern_settings_unload(settings);
-    return true;
-}
-
 }  // namespace
 
 int run_replay(int argc, char **argv) {
@@ -348,13 +306,8 @@ int run_replay(int argc, char **argv) {
     int code = parse_options(argc, argv, &options);
     if (code >= 0) return code;
 
-    block_stop_signals();
-    show_kernel_log(options.log);
-    if (hosted_set_module_directory(options.modules.c_str()) != 0)
-        return usage_error("the path of the module directory is too long");
-    if (hosted_set_settings_file("zarn.conf", options.settings.c_str()) != 0)
-        return usage_error("the path of the settings file is too long");
-    if (!settings_are_sound()) return kExitInput;
+    code = prepare_run(options.run, "replay");
+    if (code != kExitOk) return code;
     protocol_stack stack;
     if (!load_protocol_stack(&stack)) return kExitModule;
     if (install_heap_meter(stack.util) == 0) {

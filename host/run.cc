@@ -1,0 +1,53 @@
+// SPDX-License-Identifier: MIT
+#include "host/run.h"
+
+#include <cinttypes>
+#include <cstdio>
+
+#include "host/exit_codes.h"
+#include "host/kernel_log.h"
+#include "host/places.h"
+#include "host/stop_signals.h"
+#include "platform/hosted/hosted_kernel.h"
+#include "platform/hosted/settings.h"
+#include "platform/kern.h"
+
+int prepare_run(const run_options &options, const char *command) {
+    const std::string modules = options.modules.empty() ? default_module_directory() : options.modules;
+    const std::string settings = options.settings.empty() ? default_settings_file() : options.settings;
+    block_stop_signals();
+    show_kernel_log(options.log);
+    const char *what = hosted_set_module_directory(modules.c_str()) != 0              ? "module directory"
+                       : hosted_set_settings_file("zarn.conf", settings.c_str()) != 0 ? "settings file"
+                                                                                      : nullptr;
+    if (what != nullptr) {
+        fprintf(stderr, "zarn %s: the path of the %s is too long; try 'zarn %s --help'\n", command, what,
+                command);
+        return kExitUsage;
+    }
+    void *loaded = kern_settings_load("zarn.conf");  // the log tells what is wrong
+    if (loaded == nullptr) return kExitInput;
+    kern_settings_unload(loaded);
+    return kExitOk;
+}
+
+bool pools_are_full(const std::array<pool_state, kPools> &pools) {
+    bool full = true;
+    for (const pool_state &pool : pools) {
+        if (pool.out == 0) continue;
+        fprintf(stderr, "zarn: %" PRIu32 " blocks of the %s pool were not given back\n", pool.out, pool.name);
+        full = false;
+    }
+    return full;
+}
+
+bool kernel_is_empty() {
+    hosted_counts counts = hosted_count_objects();
+    if (counts.modules == 0 && counts.module_references == 0 && counts.semaphores == 0 &&
+        counts.threads == 0 && counts.regions == 0 && counts.debug_commands == 0) {
+        return true;
+    }
+    fprintf(stderr, "zarn: the modules have left something behind:\n");
+    hosted_log_objects();
+    return false;
+}
