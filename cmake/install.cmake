@@ -7,7 +7,8 @@ install(TARGETS zarn RUNTIME)
 install(TARGETS zarn_util ${ZARN_SAMPLE_MODULES} LIBRARY DESTINATION ${CMAKE_INSTALL_LIBDIR}/zarn/modules/network)
 install(DIRECTORY include/zarn DESTINATION ${CMAKE_INSTALL_INCLUDEDIR})
 install(FILES platform/kern.h platform/skiplist.h DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zarn/platform)
-install(FILES examples/modules/sample_module.h examples/modules/sample_packet.h examples/modules/sample_protocol.h
+install(FILES examples/modules/sample_clock.h examples/modules/sample_host.h examples/modules/sample_module.h
+    examples/modules/sample_packet.h examples/modules/sample_protocol.h
     DESTINATION ${CMAKE_INSTALL_INCLUDEDIR}/zarn/samples)
 
 # The settings of somebody who has changed them stay; the sample is always there to compare with.

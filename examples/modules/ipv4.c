@@ -6,20 +6,28 @@
 // Fragments are kept as clones: they refer to the memory of the frames that they came in, and so does the
 // whole datagram, which is the fragments' bytes linked in their order. What is kept is bounded, because the
 // receiver has only so much memory for frames: the datagram that has waited longest goes first.
+//
+// On a device only what is for this host is received, and packets are sent to hosts on the same network, in
+// fragments if need be: each is a clone of its part of the packet behind a header of its own.
 
 #include "sample_module.h"
 
+#include "sample_clock.h"
+#include "sample_host.h"
+
 enum {
     kShortestHeader = 20,
+    kLongestHeader = 60,
     kLongestDatagram = 65535,
     kMoreFragments = 0x2000,
     kFragmentOffset = 0x1fff,
     kFrameUnit = 2000,  // bytes; a frame takes one unit of memory for each that it has begun
     kMostUnits = 60,    // enough for the longest datagram in frames of 1514 bytes
-    kMostSeconds = 30   // that a datagram waits for its missing parts
+    kMostSeconds = 30,  // that a datagram waits for its missing parts
+    kTimeToLive = 64,
+    kIcmp = 1,
+    kEtherType = 0x800
 };
-
-#define SECOND INT64_C(1000000)
 
 typedef struct fragment {
     struct fragment *next;
@@ -30,24 +38,23 @@ typedef struct fragment {
 
 typedef struct datagram {
     struct datagram *newer;
-    sample_network_header network;  // `source`, `destination` and `protocol` are part of the key
-    uint16_t id;                    // so is this
-    uint32_t born;                  // in seconds
-    uint32_t total;                 // payload bytes, 0 as long as the last fragment is missing
-    uint32_t gathered;              // payload bytes that are there
-    fragment *fragments;            // by offset; they don't overlap
+    sample_network_header network;   // `source`, `destination` and `protocol` are part of the key
+    uint16_t id;                     // so is this
+    uint32_t born;                   // in seconds
+    uint32_t total;                  // payload bytes, 0 as long as the last fragment is missing
+    uint32_t gathered;               // payload bytes that are there
+    fragment *fragments;             // by offset; they don't overlap
+    uint8_t header[kLongestHeader];  // of the first fragment, if it is there
 } datagram;
 
 static datagram *gOldest;  // that are incomplete
 static uint32_t gUnits;    // of memory in all of them
-static zarn_timer_t *gTimer;
-static uint32_t gSeconds;  // since the start; counted by the timer thread, atomic
+static uint32_t gMostUnits = kMostUnits;
+static const sample_device *gDevice;  // null: the packets are only looked on at
+static const sample_protocol_module *gBelow;
+static uint16_t gId;  // of the datagram that was sent last
 
-static void count_second(zarn_timer_t *timer, void *arg) {
-    (void)arg;
-    __atomic_fetch_add(&gSeconds, 1, __ATOMIC_RELAXED);
-    gUtil->zarn_set_timer(timer, SECOND, 1);
-}
+static const sample_protocol_module gIpv4;
 
 static void delete_fragment(fragment *gone) {
     gUnits -= gone->units;
@@ -73,10 +80,6 @@ static void give_up(datagram *gone) {
     delete_datagram(gone);
 }
 
-static int same_address(const uint8_t *a, const uint8_t *b) {
-    return read32(a) == read32(b);
-}
-
 // The datagram that the fragment belongs to, a new one if need be. Null without memory.
 static datagram *find_datagram(const sample_network_header *network, uint16_t id) {
     datagram **link = &gOldest;
@@ -92,7 +95,7 @@ static datagram *find_datagram(const sample_network_header *network, uint16_t id
     created->network = *network;
     created->network.part = SAMPLE_REJOINED;
     created->id = id;
-    created->born = __atomic_load_n(&gSeconds, __ATOMIC_RELAXED);
+    created->born = read_clock();
     *link = created;
     return created;
 }
@@ -170,17 +173,25 @@ static void hand_on(zarn_data_t *data, const sample_network_header *network) {
         return;
     }
     if (network->part != SAMPLE_REJOINED) gCounts.unclaimed++;
+    if (network->below != NULL) network->below->host->refuse(data, network, SAMPLE_NO_PROTOCOL);
     gUtil->delete_zarn_data(data);
+}
+
+static void give_up_expired(void) {
+    uint32_t now = read_clock();
+    while (gOldest != NULL && now - gOldest->born > kMostSeconds)
+        give_up(gOldest);
+}
+
+static int is_full(void) {
+    return gUnits > gMostUnits || (gDevice != NULL && gDevice->room(gDevice) == 0);
 }
 
 // Keeps the fragment that `data` is from `header` bytes on to its end, without taking `data` over. Hands the
 // datagram on when this was the last one missing.
 static void keep_fragment(zarn_data_t *data, uint32_t header, const sample_network_header *network,
                           uint16_t id, uint16_t place) {
-    uint32_t now = __atomic_load_n(&gSeconds, __ATOMIC_RELAXED);
-    while (gOldest != NULL && now - gOldest->born > kMostSeconds)
-        give_up(gOldest);
-
+    give_up_expired();
     uint32_t start = (place & kFragmentOffset) * 8u, length = data->length - header;
     int last = (place & kMoreFragments) == 0;
     if (header + start + length > kLongestDatagram) return;
@@ -199,17 +210,24 @@ static void keep_fragment(zarn_data_t *data, uint32_t header, const sample_netwo
     part->units = 1 + data->user_word_2 / kFrameUnit;
     gUnits += part->units;
     if (last) whole->total = start + length;
+    if (start == 0) {
+        copy_bytes(whole->header, network->header, network->header_length);
+        whole->network.header_length = network->header_length;
+    }
     insert_fragment(whole, part);
 
     if (whole->gathered == whole->total) {
         zarn_data_t *joined = join_fragments(whole);
         sample_network_header joined_network = whole->network;
+        uint8_t first_header[kLongestHeader];
+        copy_bytes(first_header, whole->header, kLongestHeader);
+        joined_network.header = first_header;
         delete_datagram(whole);
         if (joined == NULL) return;
         gCounts.whole++;
         hand_on(joined, &joined_network);
     }
-    while (gUnits > kMostUnits)
+    while (gOldest != NULL && is_full())
         give_up(gOldest);
 }
 
@@ -240,6 +258,13 @@ static uint32_t check_header(zarn_data_t *data, uint32_t *total) {
     return length;
 }
 
+// Nothing on this host wants what is for all. Somebody who sends to us is a host, and not this one.
+static int is_for_us(const sample_network_header *network) {
+    const uint8_t *from = network->source;
+    return same_address(network->destination, gDevice->address) && !same_address(from, gDevice->address) &&
+           !is_broadcast(gDevice, from) && from[0] != 0 && from[0] != 127 && from[0] < 224;
+}
+
 static void receive(zarn_data_t *data, const sample_network_header *below) {
     (void)below;
     count_arrival(data);
@@ -252,10 +277,19 @@ static void receive(zarn_data_t *data, const sample_network_header *below) {
         return;
     }
 
-    sample_network_header network = {.protocol = header[9], .part = SAMPLE_ALL};
+    sample_network_header network = {.protocol = header[9],
+                                     .part = SAMPLE_ALL,
+                                     .below = gDevice != NULL ? &gIpv4 : NULL,
+                                     .header = header,
+                                     .header_length = length};
     for (int i = 0; i < 4; i++) {
         network.source[i] = header[12 + i];
         network.destination[i] = header[16 + i];
+    }
+    if (gDevice != NULL && !is_for_us(&network)) {
+        gCounts.foreign++;
+        gUtil->delete_zarn_data(data);
+        return;
     }
     uint16_t id = read16(header + 4), place = read16(header + 6);
     uint32_t padding = data->length > total ? data->length - total : 0;  // of a short frame
@@ -276,19 +310,95 @@ static void flush(void) {
     forget_uppers();
 }
 
-static int32_t start_or_stop_ipv4(int32_t op) {
-    if (op == MODULE_STOP) gUtil->delete_zarn_timer(gTimer);
-    int32_t status = start_or_stop(op);
-    if (op != MODULE_START || status != 0) return status;
-    gTimer = gUtil->create_zarn_timer(count_second, NULL);
-    if (gTimer == NULL) {
-        start_or_stop(MODULE_STOP);
-        return ERR_NO_MEMORY;
+// Sending
+
+// Puts the header before what it goes with, and sends that. `place` is the flags and the offset.
+static void send_piece(zarn_data_t *data, const sample_destination *to, uint32_t place) {
+    uint8_t *header = prepend_header(data, kShortestHeader);
+    if (header == NULL) {
+        lose_packet(data);
+        return;
     }
-    gUtil->zarn_set_timer(gTimer, SECOND, 1);
+    write16(header, 0x4500);
+    write16(header + 2, data->length);
+    write16(header + 4, gId);
+    write16(header + 6, place);
+    header[8] = kTimeToLive;
+    header[9] = (uint8_t)to->protocol;
+    write16(header + 10, 0);
+    copy_bytes(header + 12, gDevice->address, 4);
+    copy_bytes(header + 16, to->address, 4);
+    write_checksum(header + 10, gUtil->get_zarn_checksum(header, kShortestHeader, 0));
+    count_departure(data);
+    sample_destination next_hop = *to;
+    next_hop.protocol = kEtherType;
+    gBelow->host->send(data, &next_hop);
+}
+
+static void send_packet(zarn_data_t *data, const sample_destination *to) {
+    uint32_t total = data->length, most = gDevice->mtu - kShortestHeader;
+    if (total > kLongestDatagram - kShortestHeader || !is_on_network(gDevice, to->address) ||
+        same_address(to->address, gDevice->address)) {
+        lose_packet(data);
+        return;
+    }
+    gId++;
+    if (total <= most) {
+        send_piece(data, to, 0);
+        return;
+    }
+    most -= most % 8;
+    for (uint32_t start = 0; start < total; start += most) {
+        uint32_t length = total - start < most ? total - start : most;
+        zarn_data_t *piece = gUtil->new_zarn_data();
+        if (piece == NULL || gUtil->clone_zarn_data(piece, data, start, length) != 0) {
+            if (piece != NULL) gUtil->delete_zarn_data(piece);
+            lose_packet(data);
+            return;
+        }
+        send_piece(piece, to, start / 8 | (start + length < total ? kMoreFragments : 0));
+    }
+    gUtil->delete_zarn_data(data);
+}
+
+static void refuse(zarn_data_t *data, const sample_network_header *network, sample_refusal why) {
+    const sample_protocol_module *icmp = find_upper(kIcmp, look_up);
+    if (icmp != NULL && icmp->host != NULL && icmp->host->refuse != NULL)
+        icmp->host->refuse(data, network, why);
+}
+
+static int32_t attach(const sample_device *device, const sample_protocol_module *below) {
+    int32_t status = start_clock(device);
+    if (status != 0) return status;
+    for (uint32_t protocol = 0; protocol < SAMPLE_UPPERS; protocol++)
+        find_upper(protocol, look_up);
+    gDevice = device;
+    gBelow = below;
+    // So that connections always get something, too.
+    gMostUnits = device->room(device) / 2;
     return 0;
 }
 
+static void detach(void) {
+    while (gOldest != NULL)
+        give_up(gOldest);
+    stop_clock();
+    start_clock(NULL);
+    gDevice = NULL;
+    gMostUnits = kMostUnits;
+}
+
+static int32_t start_or_stop_ipv4(int32_t op) {
+    if (op == MODULE_STOP) stop_clock();
+    int32_t status = start_or_stop(op);
+    if (op != MODULE_START || status != 0) return status;
+    status = start_clock(NULL);
+    if (status != 0) start_or_stop(MODULE_STOP);
+    return status;
+}
+
+static const sample_host_operations kHost = {
+    .attach = attach, .detach = detach, .attend = give_up_expired, .send = send_packet, .refuse = refuse};
 static const sample_protocol_module gIpv4 = {
     {{"network/ipv4", SAMPLE_PROTOCOL_FLAGS, start_or_stop_ipv4}, init_protocol, uninit_protocol},
     receive,
@@ -296,5 +406,5 @@ static const sample_protocol_module gIpv4 = {
     take_counts,
     flush,
     NULL,
-    NULL};
+    &kHost};
 const void *const modules[] = {&gIpv4, NULL};

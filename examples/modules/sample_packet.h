@@ -79,20 +79,25 @@ static inline void count_packet(const zarn_data_t *data, const sample_network_he
     gCounts.unverified += verdict == kUnverified;
 }
 
-// Whether the first `length` bytes of the packet, not 0 and all of them captured, and the pseudo header of
-// `network` sum up to what a right checksum gives. The two pieces are summed where they lie: the checksum of
-// one is the seed of the other.
-static inline int transport_sum_ok(zarn_data_t *data, uint32_t length, const sample_network_header *network) {
+// The checksum of the first `length` bytes of the packet, not 0 and all of them there, and the pseudo header of
+// the other arguments. The two pieces are summed where they lie: the checksum of one is the seed of the other.
+static inline uint32_t transport_checksum(zarn_data_t *data, uint32_t length, const uint8_t *source,
+                                          const uint8_t *destination, uint8_t protocol) {
     uint8_t pseudo[12] = {0};
     for (int i = 0; i < 4; i++) {
-        pseudo[i] = network->source[i];
-        pseudo[4 + i] = network->destination[i];
+        pseudo[i] = source[i];
+        pseudo[4 + i] = destination[i];
     }
-    pseudo[9] = network->protocol;
-    pseudo[10] = (uint8_t)(length >> 8);
-    pseudo[11] = (uint8_t)length;
-    uint32_t checksum = gUtil->get_zarn_checksum(pseudo, sizeof(pseudo),
-                                                 (uint16_t)gUtil->get_zarn_data_checksum(data, 0, length));
+    pseudo[9] = protocol;
+    write16(pseudo + 10, length);
+    return gUtil->get_zarn_checksum(pseudo, sizeof(pseudo),
+                                    (uint16_t)gUtil->get_zarn_data_checksum(data, 0, length));
+}
+
+// Whether that is what a right checksum among these bytes gives.
+static inline int transport_sum_ok(zarn_data_t *data, uint32_t length, const sample_network_header *network) {
+    uint32_t checksum =
+        transport_checksum(data, length, network->source, network->destination, network->protocol);
     return checksum == 0 || checksum == 0xffff;  // the two zeros of one's complement
 }
 

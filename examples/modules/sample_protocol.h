@@ -51,6 +51,12 @@ typedef struct sample_counts {
     uint64_t whole_good;  // of the whole datagrams of this protocol
     uint64_t whole_bad;
     uint64_t whole_absent;
+
+    // On a device.
+    uint64_t sent;         // packets that were handed to the protocol below, or to the device
+    uint64_t sent_bytes;   // of these, the protocol's own header included
+    uint64_t undelivered;  // packets to send that went nowhere: no way there, no answer, no memory
+    uint64_t foreign;      // received, but not for this host, or from nobody who could have sent them
 } sample_counts;
 
 typedef enum sample_part {
@@ -66,6 +72,8 @@ typedef struct sample_network_header {
     uint8_t protocol;
     sample_part part;
     const struct sample_protocol_module *below;  // attached to a device: who sends the answer; else null
+    const uint8_t *header;  // the header itself; of a datagram put together, that of its first fragment
+    uint32_t header_length;
 } sample_network_header;
 
 // A live device, which the host supplies. Constant while protocols are attached to it.
@@ -116,9 +124,13 @@ typedef struct sample_host_operations {
     // on the wire.
     void (*send)(zarn_data_t *data, const sample_destination *to);
 
-    // icmp: tells the sender of a packet, which is `data` from behind the network's header on, that it
-    // can't be delivered. The buffer stays the caller's.
+    // icmp, and ipv4 on its behalf: tells the sender of a packet, which is `data` from behind the network's header
+    // on, that it can't be delivered. The buffer stays the caller's.
     void (*refuse)(zarn_data_t *data, const sample_network_header *network, sample_refusal why);
+
+    // arp: the six bytes of the hardware address of `to`, valid until the next call of the protocol. Null when
+    // it isn't known yet: then the buffer was taken over, and is sent again by the protocol below when it is.
+    const uint8_t *(*resolve)(zarn_data_t *data, const sample_destination *to);
 } sample_host_operations;
 
 // A connection, seen from its listener. The client is who sent the SYN. Bytes are payload, and each place in
