@@ -13,27 +13,11 @@ struct slot {
 };
 static_assert(sizeof(slot) == kSlotSize);
 
-// The free function of a frame's pieces. The decrements pair with the loads in delete_frame_slots.
-void recycle_slot(void *bytes) {
-    slot *block = reinterpret_cast<slot *>(static_cast<uint8_t *>(bytes) - offsetof(slot, bytes));
-    frame_slots *owner = block->owner;
-    owner->util->mp_free(owner->pool, block);
-    __atomic_fetch_sub(&owner->slots_out, 1, __ATOMIC_RELEASE);
-}
-
 // A free function, too, with an extra argument: an element that isn't safe at interrupt level is freed right
 // before the buffer's own block. The element stands for how many pieces the buffer had.
 void return_pieces(void *slots, void *pieces) {
     __atomic_fetch_sub(&static_cast<frame_slots *>(slots)->pieces_out,
                        static_cast<int32_t>(reinterpret_cast<intptr_t>(pieces)), __ATOMIC_RELEASE);
-}
-
-slot *take_slot(frame_slots *slots) {
-    slot *block = static_cast<slot *>(slots->util->mp_alloc(slots->pool));
-    if (block == nullptr) return nullptr;
-    block->owner = slots;
-    __atomic_fetch_add(&slots->slots_out, 1, __ATOMIC_RELAXED);
-    return block;
 }
 
 // The buffer, still empty. One that is deleted at interrupt level gives its slots back before its own blocks,
@@ -45,7 +29,7 @@ int32_t new_buffer(frame_slots *slots, int32_t pieces, wrap_level level, zarn_da
         *out = util->new_zarn_data();
         return *out != nullptr ? 0 : ERR_NO_MEMORY;
     }
-    if (__atomic_add_fetch(&slots->pieces_out, pieces, __ATOMIC_ACQUIRE) > kSlots) {
+    if (__atomic_add_fetch(&slots->pieces_out, pieces, __ATOMIC_ACQUIRE) > slots->count) {
         return_pieces(slots, element);
         return ERR_WOULD_BLOCK;
     }
@@ -60,22 +44,22 @@ int32_t new_buffer(frame_slots *slots, int32_t pieces, wrap_level level, zarn_da
 }
 
 // Even a frame of which nothing was captured has a slot, so that the slots bound the number of buffers.
-int32_t append_piece(zarn_util_module_t *util, zarn_data_t *data, slot *piece, uint32_t length,
+int32_t append_piece(zarn_util_module_t *util, zarn_data_t *data, uint8_t *piece, uint32_t length,
                      wrap_level level) {
     if (level == wrap_level::kThread && length != 0)
-        return util->append_zarn_data(data, piece->bytes, length, recycle_slot);
-    int32_t status = util->append_zarn_data(data, piece->bytes, length, nullptr);
+        return util->append_zarn_data(data, piece, length, recycle_slot);
+    int32_t status = util->append_zarn_data(data, piece, length, nullptr);
     if (status != 0) return status;
-    return util->add_free_element(data, piece->bytes, nullptr, recycle_slot, FREE_INTERRUPT_SAFE);
+    return util->add_free_element(data, piece, nullptr, recycle_slot, FREE_INTERRUPT_SAFE);
 }
 
 }  // namespace
 
-int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util) {
-    *slots = {util, nullptr, nullptr, 0, 0};
-    slots->memory = aligned_alloc(kSlotSize, kSlotSize * static_cast<size_t>(kSlots));
+int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t count) {
+    *slots = {util, nullptr, nullptr, count, 0, 0};
+    slots->memory = aligned_alloc(kSlotSize, kSlotSize * static_cast<size_t>(count));
     if (slots->memory == nullptr) return ERR_NO_MEMORY;
-    slots->pool = util->new_mempool(slots->memory, kSlotSize, kSlots);
+    slots->pool = util->new_mempool(slots->memory, kSlotSize, count);
     if (slots->pool != nullptr) return 0;
     free(slots->memory);
     slots->memory = nullptr;
@@ -92,6 +76,35 @@ int32_t delete_frame_slots(frame_slots *slots) {
     return 0;
 }
 
+uint8_t *take_slot(frame_slots *slots) {
+    slot *block = static_cast<slot *>(slots->util->mp_alloc(slots->pool));
+    if (block == nullptr) return nullptr;
+    block->owner = slots;
+    __atomic_fetch_add(&slots->slots_out, 1, __ATOMIC_RELAXED);
+    return block->bytes;
+}
+
+// The free function of a frame's pieces. The decrement pairs with the load in delete_frame_slots.
+void recycle_slot(void *bytes) {
+    slot *block = reinterpret_cast<slot *>(static_cast<uint8_t *>(bytes) - offsetof(slot, bytes));
+    frame_slots *owner = block->owner;
+    owner->util->mp_free(owner->pool, block);
+    __atomic_fetch_sub(&owner->slots_out, 1, __ATOMIC_RELEASE);
+}
+
+zarn_data_t *wrap_slot(frame_slots *slots, uint8_t *bytes, uint32_t length) {
+    zarn_util_module_t *util = slots->util;
+    zarn_data_t *data = util->new_zarn_data();
+    if (data == nullptr) return nullptr;
+    if (append_piece(util, data, bytes, length, wrap_level::kInterrupt) == 0) {
+        data->user_word_1 = length;
+        data->user_word_2 = 0;
+        return data;
+    }
+    util->delete_zarn_data(data);
+    return nullptr;
+}
+
 int32_t wrap_frame(frame_slots *slots, const captured_frame *frame, wrap_level level, zarn_data_t **out) {
     zarn_util_module_t *util = slots->util;
     zarn_data_t *data = nullptr;
@@ -103,15 +116,15 @@ int32_t wrap_frame(frame_slots *slots, const captured_frame *frame, wrap_level l
     for (uint32_t i = 0; i < pieces; i++) {
         uint32_t done = i * kSlotBytes;
         uint32_t length = std::min(frame->captured - done, kSlotBytes);
-        slot *piece = take_slot(slots);
+        uint8_t *piece = take_slot(slots);
         if (piece == nullptr) {
             status = ERR_WOULD_BLOCK;
             goto fail;
         }
-        if (length != 0) memcpy(piece->bytes, frame->bytes + done, length);
+        if (length != 0) memcpy(piece, frame->bytes + done, length);
         if (append_piece(util, data, piece, length, level) != 0) {
             // Linked or not, the buffer doesn't own the piece; nobody reads it before the buffer goes.
-            recycle_slot(piece->bytes);
+            recycle_slot(piece);
             status = ERR_NO_MEMORY;
             goto fail;
         }

@@ -5,6 +5,7 @@
 #include <cstdio>
 #include <cstring>
 
+#include "host/attach.h"
 #include "host/check.h"
 #include "host/conf.h"
 #include "host/exit_codes.h"
@@ -20,6 +21,7 @@ struct command {
 
 constexpr command kCommands[] = {
     {"replay", run_replay, "run captured frames through the modules and count what is in them"},
+    {"attach", run_attach, "be a host on the network of a TAP device, with what the modules serve"},
     {"conf", run_conf, "check a settings file and print what the modules make of it"},
     {"check", run_check, "look at protocol modules without running them"},
 };

@@ -228,7 +228,7 @@ bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool 
     pipeline->stack = stack;
     pipeline->drop = drop;
     pipeline->threads_before = hosted_count_objects().threads;
-    if (create_frame_slots(&pipeline->slots, stack->util) != 0) goto no_slots;
+    if (create_frame_slots(&pipeline->slots, stack->util, kSlots) != 0) goto no_slots;
     if (!create_between(pipeline)) goto no_between;
     if (!start_thread(consume, "consumer", pipeline)) goto no_consumer;
     if (interrupts && !start_interrupts(pipeline)) {

@@ -62,6 +62,17 @@ void add_counts(protocol_counts *all, const char *path, const sample_counts &cou
     }
 }
 
+// A record of counts is nothing but counts.
+void add_sample_counts(sample_counts *sum, const sample_counts &counts) {
+    constexpr size_t kWords = sizeof(sample_counts) / sizeof(uint64_t);
+    uint64_t words[kWords], more[kWords];
+    memcpy(words, sum, sizeof(words));
+    memcpy(more, &counts, sizeof(more));
+    for (size_t i = 0; i < kWords; i++)
+        words[i] += more[i];
+    memcpy(sum, words, sizeof(words));
+}
+
 }  // namespace
 
 const char *protocol_name(int index) {
@@ -85,6 +96,16 @@ bool unload_protocol_stack(protocol_stack *stack) {
     return released;
 }
 
+protocol_counts take_protocol_counts(const protocol_stack *stack) {
+    protocol_counts all;
+    for (const sample_protocol_module *module : list_protocols(stack->ethernet)) {
+        sample_counts counts;
+        module->take_counts(&counts);
+        add_counts(&all, module->protocol.head.name, counts);
+    }
+    return all;
+}
+
 protocol_counts flush_protocols(const protocol_stack *stack) {
     protocol_counts all;
     module_list list = list_protocols(stack->ethernet);
@@ -97,4 +118,54 @@ protocol_counts flush_protocols(const protocol_stack *stack) {
     }
     stack->ethernet->flush();
     return all;
+}
+
+void add_protocol_counts(protocol_counts *sum, const protocol_counts &counts) {
+    for (size_t i = 0; i < kProtocols; i++)
+        add_sample_counts(&sum->known[i], counts.known[i]);
+    for (const named_counts &more : counts.others) {
+        auto other = std::find_if(sum->others.begin(), sum->others.end(),
+                                  [&](const named_counts &known) { return known.name == more.name; });
+        if (other == sum->others.end()) {
+            sum->others.push_back(more);
+        } else {
+            add_sample_counts(&other->counts, more.counts);
+        }
+    }
+    sum->unloadable += counts.unloadable;
+}
+
+bool attach_protocols(protocol_stack *stack, const sample_device *device) {
+    struct candidate {
+        const sample_protocol_module *module, *below;
+    };
+    std::vector<candidate> candidates = {{stack->ethernet, nullptr}};
+    for (size_t done = 0; done < candidates.size(); done++) {
+        const auto [module, below] = candidates[done];
+        if (module->host == nullptr) continue;
+        if (module->host->attach(device, below) < 0) {
+            fprintf(stderr, "zarn: can't attach the module %s to the device\n", module->protocol.head.name);
+            detach_protocols(stack);
+            return false;
+        }
+        stack->attached.push_back(module);
+        for (int32_t i = 0; const sample_protocol_module *upper = module->upper_at(i); i++) {
+            if (std::none_of(candidates.begin(), candidates.end(),
+                             [&](const candidate &other) { return other.module == upper; }))
+                candidates.push_back({upper, module});
+        }
+    }
+    return true;
+}
+
+void detach_protocols(protocol_stack *stack) {
+    while (!stack->attached.empty()) {
+        stack->attached.back()->host->detach();
+        stack->attached.pop_back();
+    }
+}
+
+void attend_protocols(const protocol_stack *stack) {
+    for (const sample_protocol_module *module : stack->attached)
+        if (module->host->attend != nullptr) module->host->attend();
 }

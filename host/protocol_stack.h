@@ -35,6 +35,7 @@ struct protocol_stack {
     zarn_util_module_t *util;
     const sample_protocol_module *ethernet;
     void *notify;  // kept, so that it doesn't come and go with every notification
+    std::vector<const sample_protocol_module *> attached;  // to a device, lower ones first
 };
 
 // Loads the utility module, the lowest protocol and the module that notifications go to. On failure nothing
@@ -52,5 +53,20 @@ inline void receive_frame(const protocol_stack *stack, zarn_data_t *data) {
 // Has all protocols give back what they keep from packets, takes their counts, and starts these again at 0.
 // The protocols above the lowest one may be unloaded with that. Not while frames are received.
 protocol_counts flush_protocols(const protocol_stack *stack);
+
+// Likewise, with nothing given back. At any time on the stack's thread.
+protocol_counts take_protocol_counts(const protocol_stack *stack);
+
+void add_protocol_counts(protocol_counts *sum, const protocol_counts &counts);
+
+// Makes all protocols that can be part of a host on the device, which stays as it is until they are detached.
+// False, with a line on stderr and none attached, when one can't.
+bool attach_protocols(protocol_stack *stack, const sample_device *device);
+
+// With all endpoints deleted. The protocols look on again.
+void detach_protocols(protocol_stack *stack);
+
+// Has them deal with what is due.
+void attend_protocols(const protocol_stack *stack);
 
 #endif

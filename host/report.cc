@@ -170,6 +170,14 @@ void print_table(const file_result &result, bool drops) {
            frames_per_second(result));
 }
 
+void print_host_protocol(const char *name, const sample_counts &counts, checksum_kind kind) {
+    printf("  %-9s %10" PRIu64 " %14" PRIu64, name, counts.packets, counts.bytes);
+    print_cell(counts.good, kind != kNoChecksum);
+    print_cell(counts.bad, kind != kNoChecksum);
+    printf(" %10" PRIu64 " %10" PRIu64 " %14" PRIu64 " %10" PRIu64 "\n", counts.foreign, counts.sent,
+           counts.sent_bytes, counts.undelivered);
+}
+
 // The name alone: rows are compared with those of other machines.
 std::string file_name(const std::string &path) {
     size_t slash = path.find_last_of('/');
@@ -336,4 +344,23 @@ void print_report_end(const report_style &style, const std::array<pool_state, kP
         printf("%-8s %10" PRIu32 " %10" PRIu32 " %10" PRIu32 " %14" PRIu64 "\n", pool.name, pool.block_size,
                pool.blocks, pool.out, pool.fall_backs);
     }
+}
+
+void print_host_counts(const protocol_counts &counts) {
+    const auto &known = counts.known;
+    printf("  %-9s %10s %14s %10s %10s %10s %10s %14s %10s\n", "protocol", "received", "bytes", "good", "bad",
+           "foreign", "sent", "bytes", "lost");
+    for (size_t i = 0; i < kProtocols; i++)
+        print_host_protocol(protocol_name(static_cast<int>(i)), known[i], kChecksums[i]);
+    for (const named_counts &other : counts.others)
+        print_host_protocol(other.name.c_str(), other.counts, kOptionalChecksum);
+    print_remainder("for EtherTypes that nobody receives", known[kEthernet].unclaimed);
+    print_remainder("IPv4 fragments received", known[kIpv4].fragments);
+    print_remainder("IPv4 datagrams put together from fragments", known[kIpv4].whole);
+    print_remainder("of these, with a bad checksum",
+                    known[kIcmp].whole_bad + known[kTcp].whole_bad + known[kUdp].whole_bad);
+    print_remainder("IPv4 datagrams with fragments missing", known[kIpv4].incomplete);
+    print_remainder("for IPv4 protocols that nobody receives", known[kIpv4].unclaimed);
+    print_remainder("TCP connections refused, the backlog was full", known[kTcp].refused);
+    print_remainder("UDP datagrams without room", known[kUdp].refused);
 }

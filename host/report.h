@@ -43,4 +43,7 @@ void print_report_end(const report_style &style, const std::array<pool_state, kP
 
 void print_file_result(const report_style &style, const file_result &result);
 
+// A table for people of what the protocols have received and sent on a device.
+void print_host_counts(const protocol_counts &counts);
+
 #endif
