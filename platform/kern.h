@@ -143,13 +143,16 @@ int32_t kern_region_delete(int32_t region);
 
 // Wires a range: its pages stay where they are until the unlock of the same range. Locks of the same page
 // count. `flags` is 0. Any bytes that a client has put into a buffer may come here, so a range that can't be
-// wired is a failure and no more. The module ignores the results. Blocks.
+// wired is a failure and no more. The module ignores the results: a lock that failed is followed by an unlock
+// like any other, which must not take away another's. Blocks.
 int32_t kern_memory_lock(void *address, uint32_t length, uint32_t flags);
 int32_t kern_memory_unlock(void *address, uint32_t length, uint32_t flags);
 
 // Writes the physical runs of the range in order, at most `entries` (1 or more) of them; they add up to
-// `length` if there is room. When the range has no mapping the first run's `size` is 0. The module looks at
-// that and not at the result, which is the number of runs or a failure. Blocks, and may fault.
+// `length` if there is room, and the module asks again for what is left if there isn't. A page is one run or
+// a part of one, and no run is empty but for the first one when the range has no mapping. The entries behind
+// the last run stay as they are: they are 0 when the module calls, and it looks at the sizes and not at the
+// result, which is the number of runs or a failure. Blocks, and may fault.
 int32_t kern_memory_map(const void *address, uint32_t length, memory_run *table, int32_t entries);
 
 // Settings: a file of parameters, each with a name, values and parameters below it. Its syntax and place are

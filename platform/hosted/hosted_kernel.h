@@ -115,8 +115,8 @@ struct hosted_counts {
 
 hosted_counts hosted_count_objects();
 
-// Logs one line for each semaphore, spawned thread, region, module and debugger command that is alive, and
-// returns how many lines.
+// Logs one line for each semaphore, spawned thread, region, locked range, module and debugger command that
+// is alive, and returns how many lines.
 int32_t hosted_log_objects();
 
 // Fill `table` with at most `capacity` entries, and return how many objects there are.

@@ -103,6 +103,7 @@ int32_t count_debug_commands();
 int32_t log_semaphores();
 int32_t log_threads();
 int32_t log_regions();
+int32_t log_locked_ranges();
 int32_t log_modules();
 int32_t log_debug_commands();
 bool copy_module_directory(char *path, size_t size);

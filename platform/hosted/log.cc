@@ -78,8 +78,8 @@ hosted_counts hosted_count_objects() {
 }
 
 int32_t hosted_log_objects() {
-    return hosted::log_semaphores() + hosted::log_threads() + hosted::log_regions() + hosted::log_modules() +
-           hosted::log_debug_commands();
+    return hosted::log_semaphores() + hosted::log_threads() + hosted::log_regions() +
+           hosted::log_locked_ranges() + hosted::log_modules() + hosted::log_debug_commands();
 }
 
 namespace hosted {

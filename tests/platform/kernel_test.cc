@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <cstring>
+#include <fstream>
 #include <thread>
 
 #include "tests/platform/support.h"
@@ -88,36 +89,131 @@ TEST_F(memory, regions_come_and_go) {
     EXPECT_LT(kern_region_create("elsewhere", &address, 1, 4096, 3, 3), 0);
 }
 
-TEST_F(memory, maps_to_itself_page_by_page_where_it_is_mapped) {
-    uintptr_t page = static_cast<uintptr_t>(sysconf(_SC_PAGESIZE));
-    void *block = mmap(nullptr, 4 * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
-    ASSERT_NE(block, MAP_FAILED);
-    uintptr_t base = reinterpret_cast<uintptr_t>(block);
-    ASSERT_EQ(munmap(reinterpret_cast<void *>(base + 3 * page), page), 0);
-    struct {
-        uintptr_t offset, length;
-        int32_t entries, filled;
-    } const cases[] = {{100, page, 4, 2},   {page - 1, 2, 4, 2}, {0, 3 * page, 4, 3},
-                       {0, 3 * page, 2, 2}, {page, 0, 4, 0},     {0, 3 * page + 1, 4, -1}};
-    for (const auto &c : cases) {
-        SCOPED_TRACE(testing::Message() << c.offset << " " << c.length);
-        memory_run runs[4] = {{1, 1}};
-        int32_t filled = kern_memory_map(reinterpret_cast<void *>(base + c.offset),
-                                         static_cast<uint32_t>(c.length), runs, c.entries);
-        EXPECT_EQ(filled < 0 ? -1 : filled, c.filled);
-        EXPECT_TRUE(c.filled > 0 || runs[0].size == 0);
-        uintptr_t at = base + c.offset;
-        for (int32_t i = 0; i < filled; at += runs[i++].size)
-            EXPECT_EQ(runs[i].address, at);
-        EXPECT_TRUE(filled <= 0 || filled == c.entries || at == base + c.offset + c.length);
+// One file of four pages, mapped in two places; behind the first lies nothing.
+struct two_views {
+    two_views() {
+        file = memfd_create("two views", 0);
+        EXPECT_EQ(ftruncate(file, static_cast<off_t>(4 * page)), 0);
+        first = static_cast<char *>(mmap(nullptr, 5 * page, PROT_NONE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0));
+        munmap(first + 4 * page, page);
+        mmap(first, 4 * page, PROT_READ | PROT_WRITE, MAP_SHARED | MAP_FIXED, file, 0);
+        second = static_cast<char *>(mmap(nullptr, 4 * page, PROT_READ, MAP_SHARED, file, 0));
     }
-    EXPECT_EQ(kern_memory_lock(block, static_cast<uint32_t>(3 * page), 0), 0);
-    EXPECT_LT(kern_memory_lock(block, static_cast<uint32_t>(3 * page + 1), 0), 0);
-    EXPECT_EQ(hosted_count_objects().locked_ranges, 1);
-    EXPECT_EQ(kern_memory_unlock(block, static_cast<uint32_t>(3 * page), 0), 0);
-    EXPECT_LT(kern_memory_unlock(block, 1, 0), 0);
-    EXPECT_EQ(logged("nothing is locked"), 1);
-    munmap(block, 3 * page);
+    ~two_views() {
+        munmap(first, 4 * page);
+        munmap(second, 4 * page);
+        close(file);
+    }
+    size_t page = static_cast<size_t>(sysconf(_SC_PAGESIZE));
+    int file;
+    char *first, *second;
+};
+
+uintptr_t map_byte(const void *address) {
+    memory_run run;
+    EXPECT_EQ(kern_memory_map(address, 1, &run, 1), 1);
+    EXPECT_EQ(run.size, 1u);
+    return run.address;
+}
+
+TEST_F(memory, has_the_same_physical_address_wherever_it_is_mapped_or_else_its_own) {
+    two_views views;
+    const size_t page = views.page;
+    bool hidden = false;
+    for (size_t i = 0; i < 4 * page; i += page / 2) {
+        uintptr_t one = map_byte(views.first + i), other = map_byte(views.second + i);
+        EXPECT_EQ(one % page, i % page);
+        if (one == other) continue;
+        hidden = true;
+        EXPECT_EQ(one, reinterpret_cast<uintptr_t>(views.first + i));
+        EXPECT_EQ(other, reinterpret_cast<uintptr_t>(views.second + i));
+    }
+    EXPECT_LE(logged("memory maps show virtual addresses"), hidden ? 2 : 0);
+
+    constexpr size_t kMost = 600;  // with many pages some lie together
+    const size_t many = kMost * page - page / 2;
+    void *block = mmap(nullptr, kMost * page, PROT_READ | PROT_WRITE, MAP_PRIVATE | MAP_ANONYMOUS, -1, 0);
+    memset(block, 1, kMost * page);
+    struct {
+        char *start;
+        size_t length;
+        int32_t entries;
+        bool enough;
+    } const cases[] = {{views.first + 100, page, 4, true},
+                       {views.first + page - 1, 2, 4, true},
+                       {views.first, 4 * page, 4, true},
+                       {static_cast<char *>(block) + 100, many, kMost, true},
+                       {views.first + 2, 3 * page, 1, false}};
+    for (const auto &c : cases) {
+        SCOPED_TRACE(c.length);
+        memory_run runs[kMost];
+        int32_t filled = kern_memory_map(c.start, static_cast<uint32_t>(c.length), runs, c.entries);
+        ASSERT_TRUE(filled > 0 && filled <= c.entries);
+        size_t at = 0;
+        for (int32_t i = 0; i < filled; at += runs[i++].size) {
+            EXPECT_EQ(runs[i].address, map_byte(c.start + at));
+            // What lies together is one run, but for pages whose address isn't known.
+            if (i == 0 || runs[i - 1].address + runs[i - 1].size != runs[i].address) continue;
+            EXPECT_EQ(runs[i].address, reinterpret_cast<uintptr_t>(c.start + at));
+        }
+        EXPECT_TRUE(at == c.length || (!c.enough && at < c.length));
+    }
+    munmap(block, kMost * page);
+    for (uint32_t length : {0u, static_cast<uint32_t>(4 * page + 1), UINT32_MAX}) {
+        memory_run run = {1, 1};
+        EXPECT_LE(kern_memory_map(views.first, length, &run, 1), 0);
+        EXPECT_EQ(run.size, 0u);
+    }
+}
+
+size_t wired_bytes() {
+    std::ifstream status("/proc/self/status");
+    for (std::string word; status >> word;)
+        if (word == "VmLck:" && status >> word) return std::stoul(word) * 1024;
+    return 0;
+}
+
+TEST_F(memory, stays_wired_until_the_last_lock_of_a_page_goes) {
+    two_views views;
+    const uint32_t page = static_cast<uint32_t>(views.page);
+    auto expect_wired = [&](size_t pages, int32_t ranges) {
+        EXPECT_EQ(hosted_count_objects().locked_ranges, ranges);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)  // theirs lock nothing
+        EXPECT_EQ(wired_bytes(), pages * page);
+#endif
+        (void)pages;
+    };
+    auto lock = [&](uint32_t from, uint32_t to) {
+        return kern_memory_lock(views.first + from, to - from, 0);
+    };
+    auto unlock = [&](uint32_t from, uint32_t to) {
+        return kern_memory_unlock(views.first + from, to - from, 0);
+    };
+    EXPECT_EQ(lock(5, 3 * page), 0);
+    EXPECT_EQ(lock(2 * page - 1, 3 * page + 1), 0);
+    EXPECT_EQ(lock(5, 3 * page), 0);
+    EXPECT_EQ(lock(8, 8), 0);
+    expect_wired(4, 4);
+    EXPECT_EQ(unlock(5, 3 * page), 0);
+    expect_wired(4, 3);
+    EXPECT_EQ(unlock(5, 3 * page), 0);
+    EXPECT_EQ(unlock(8, 8), 0);
+    expect_wired(3, 1);
+    // A lock that fails has no effect, nor has its unlock, and whoever unlocks more than that is told.
+    EXPECT_LT(lock(0, 4 * page + 1), 0);
+#if !defined(__SANITIZE_ADDRESS__) && !defined(__SANITIZE_THREAD__)
+    mprotect(views.first, page, PROT_NONE);
+    EXPECT_LT(lock(0, 4 * page), 0);
+    EXPECT_LT(unlock(0, 4 * page), 0);
+#endif
+    EXPECT_LT(unlock(0, 4 * page + 1), 0);
+    expect_wired(3, 1);
+    EXPECT_EQ(hosted_log_objects(), 1);
+    EXPECT_EQ(logged("aren't locked"), 0);
+    EXPECT_EQ(unlock(2 * page - 1, 3 * page + 1), 0);
+    expect_wired(0, 0);
+    EXPECT_LT(unlock(2 * page - 1, 3 * page + 1), 0);
+    EXPECT_EQ(logged("aren't locked"), 1);
 }
 
 class debugger : public hosted_test {};
