@@ -47,6 +47,7 @@ int32_t consume(void *argument) {
         if (util->dequeue_zarn_fifo_data(&pipeline->fifo, &data, KERN_TIMEOUT_FOREVER, 0) < 0) continue;
         mark = data->user_word_2;
         if (mark == 0) {
+            if (pipeline->check_dma) check_dma(util, data, &pipeline->dma);
             receive_frame(pipeline->stack, data);
         } else {
             util->delete_zarn_data(data);
@@ -223,10 +224,12 @@ void stop_interrupts() {
 
 }  // namespace
 
-bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool interrupts, bool drop) {
+bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool interrupts, bool drop,
+                    bool check_dma) {
     *pipeline = {};
     pipeline->stack = stack;
     pipeline->drop = drop;
+    pipeline->check_dma = check_dma;
     pipeline->threads_before = hosted_count_objects().threads;
     if (create_frame_slots(&pipeline->slots, stack->util, kSlots) != 0) goto no_slots;
     if (!create_between(pipeline)) goto no_between;

@@ -11,7 +11,7 @@
 // - At interrupt level nothing waits and nothing reaches the heap or a lock: the handler takes what it can,
 //   and whoever offers the frame waits for room and raises the signal again. What is dropped there goes
 //   through `isafe_delete_zarn_data`.
-// - The counts of the protocols may be read between `drain_pipeline` and the next frame.
+// - The counts of the protocols, and those of `dma`, may be read between `drain_pipeline` and the next frame.
 
 #ifndef ZARN_HOST_PIPELINE_H
 #define ZARN_HOST_PIPELINE_H
@@ -21,6 +21,7 @@
 
 #include "host/bell.h"
 #include "host/capture_reader.h"
+#include "host/dma_check.h"
 #include "host/frame_slots.h"
 #include "host/protocol_stack.h"
 
@@ -49,6 +50,8 @@ struct frame_pipeline {
     const protocol_stack *stack;
     bool interrupts;  // frames are received at interrupt level
     bool drop;
+    bool check_dma;  // the consumer wires and maps each frame before the protocols get it
+    dma_counts dma;  // since the caller last set them to 0
     frame_slots slots;
     zarn_fifo_t fifo;
     bell fifo_room;     // rung by the consumer; whoever fills the FIFO waits
@@ -61,7 +64,8 @@ struct frame_pipeline {
 
 // Makes the threads and what is between them. False, with a line on stderr and nothing left, when something
 // can't be had.
-bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool interrupts, bool drop);
+bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool interrupts, bool drop,
+                    bool check_dma);
 
 frame_fate offer_frame(frame_pipeline *pipeline, const captured_frame *frame);
 

@@ -38,6 +38,7 @@ constexpr char kUsage[] =
     "  --repeat N     read each file N times (default: once)\n"
     "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
+    "  --dma          wire and map each frame as for hardware, and check that the map is the frame's\n"
     "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n" RUN_LOG_HELP
     "  --help         this text\n"
     "\n"
@@ -46,9 +47,8 @@ constexpr char kUsage[] =
     "\n"
     "Exit status: 0 all is well; 1 a file could not be read to its end or holds frames that are not\n"
     "Ethernet, or the settings have a mistake; 2 wrong usage; 3 a module that is needed or named in the\n"
-    "settings can't be loaded; 4 something was not given back at the end, or was "
-    "done at\n"
-    "interrupt level that must not be.\n";
+    "settings can't be loaded; 4 something was not given back at the end, or was done at interrupt level\n"
+    "that must not be, or --dma has found a wrong map.\n";
 
 constexpr uint64_t kMostBacklog = 1'000'000;
 
@@ -77,7 +77,20 @@ bool parse_count(const char *text, uint64_t *count) {
 
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, replay_options *options) {
-    enum { kModules = 256, kConf, kTsv, kJson, kRate, kRepeat, kBacklog, kDrop, kInterrupt, kLog, kHelp };
+    enum {
+        kModules = 256,
+        kConf,
+        kTsv,
+        kJson,
+        kRate,
+        kRepeat,
+        kBacklog,
+        kDrop,
+        kInterrupt,
+        kDma,
+        kLog,
+        kHelp
+    };
     static const option kOptions[] = {
         {"modules", required_argument, nullptr, kModules},
         {"conf", required_argument, nullptr, kConf},
@@ -88,6 +101,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
         {"backlog", required_argument, nullptr, kBacklog},
         {"drop", no_argument, nullptr, kDrop},
         {"interrupt", no_argument, nullptr, kInterrupt},
+        {"dma", no_argument, nullptr, kDma},
         {"log", no_argument, nullptr, kLog},
         {"help", no_argument, nullptr, kHelp},
         {},
@@ -125,6 +139,9 @@ int parse_options(int argc, char **argv, replay_options *options) {
                 break;
             case kInterrupt:
                 options->interrupts = true;
+                break;
+            case kDma:
+                options->style.dma = true;
                 break;
             case kLog:
                 options->run.log = true;
@@ -249,6 +266,8 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
         close_capture(&reader);
     }
     result->dropped = drain_pipeline(pipeline);
+    result->dma = pipeline->dma;
+    pipeline->dma = {};
     result->seconds = static_cast<double>(kern_time_us() - start) / 1e6;
     result->connections = drain_endpoints(client);
     result->protocols = flush_protocols(pipeline->stack);
@@ -261,14 +280,14 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     endpoint_client client;
     if (!start_endpoints(&client, stack->util, static_cast<int32_t>(options.backlog))) return kExitModule;
     frame_pipeline pipeline;
-    if (!start_pipeline(&pipeline, stack, options.interrupts, options.style.drops)) {
+    if (!start_pipeline(&pipeline, stack, options.interrupts, options.style.drops, options.style.dma)) {
         stop_endpoints(&client);
         return kExitInput;
     }
     accept_stop_signals();
 
     int code = kExitOk;
-    uint64_t unloadable = 0;
+    uint64_t unloadable = 0, wrong_maps = 0;
     file_result result;
     print_report_start(options.style);
     for (const char *path : options.files) {
@@ -278,6 +297,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
         print_file_result(options.style, result);
         if (!result.error.empty()) code = kExitInput;
         unloadable += result.protocols.unloadable;
+        wrong_maps += result.dma.faults;
     }
     if (unloadable != 0) {
         fprintf(stderr,
@@ -287,6 +307,10 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     std::array<pool_state, kPools> pools = measure_pools(stack->util);
     print_report_end(options.style, pools);
     if (!pools_are_full(pools)) code = kExitFault;
+    if (wrong_maps != 0) {
+        fprintf(stderr, "zarn: %" PRIu64 " buffers were not mapped for hardware as they are\n", wrong_maps);
+        code = kExitFault;
+    }
     if (uint64_t calls = heap_calls_at_interrupt_level(); calls != 0) {
         fprintf(stderr, "zarn: %" PRIu64 " heap calls at interrupt level\n", calls);
         code = kExitFault;

@@ -145,7 +145,7 @@ void print_connections(const file_result &result) {
     print_remainder("UDP datagrams without room", result.protocols.known[kUdp].refused);
 }
 
-void print_table(const file_result &result, bool drops) {
+void print_table(const report_style &style, const file_result &result) {
     const auto &known = result.protocols.known;
     printf("%s: %s\n", result.path.c_str(), capture_status_name(result.status));
     printf("  %-9s %10s %12s %10s %10s %10s %10s\n", "protocol", "frames", "bytes", "good", "bad", "absent",
@@ -164,7 +164,11 @@ void print_table(const file_result &result, bool drops) {
     print_remainder("cut short by the capture", result.cut_short);
     print_remainder("not Ethernet", result.not_ethernet);
     print_connections(result);
-    if (drops) printf("  dropped: %" PRIu64 "\n", result.dropped);
+    if (style.drops) printf("  dropped: %" PRIu64 "\n", result.dropped);
+    if (style.dma)
+        printf("  mapped for hardware: %" PRIu64 " buffers in %" PRIu64 " physical runs, %" PRIu64
+               " faults\n",
+               result.dma.buffers, result.dma.runs, result.dma.faults);
     printf("  %" PRIu64 " frames, %" PRIu64 " bytes captured of %" PRIu64 " in %.3f ms: %.0f frames/s\n\n",
            result.frames, result.captured_bytes, result.wire_bytes, result.seconds * 1e3,
            frames_per_second(result));
@@ -207,11 +211,14 @@ std::string escape_for_tsv(const std::string &text) {
     return escaped;
 }
 
-void print_tsv(const file_result &result, bool drops) {
+void print_tsv(const report_style &style, const file_result &result) {
     printf("%s\t%s", escape_for_tsv(file_name(result.path)).c_str(), capture_status_name(result.status));
     for (const column &column : kColumns)
         printf("\t%" PRIu64, column.value(result));
-    if (drops) printf("\t%" PRIu64, result.dropped);
+    if (style.drops) printf("\t%" PRIu64, result.dropped);
+    if (style.dma)
+        printf("\t%" PRIu64 "\t%" PRIu64 "\t%" PRIu64, result.dma.buffers, result.dma.runs,
+               result.dma.faults);
     printf("\n");
 }
 
@@ -285,13 +292,16 @@ void print_json_connections(const file_result &result) {
            totals.datagram_bytes);
 }
 
-void print_json(const file_result &result, bool drops) {
+void print_json(const report_style &style, const file_result &result) {
     printf("{\"file\": %s, \"status\": \"%s\"", quote_for_json(result.path).c_str(),
            capture_status_name(result.status));
     if (!result.error.empty()) printf(", \"error\": %s", quote_for_json(result.error).c_str());
     for (const column &column : kColumns)
         printf(", \"%s\": %" PRIu64, column.name, column.value(result));
-    if (drops) printf(", \"dropped\": %" PRIu64, result.dropped);
+    if (style.drops) printf(", \"dropped\": %" PRIu64, result.dropped);
+    if (style.dma)
+        printf(", \"dma\": {\"buffers\": %" PRIu64 ", \"runs\": %" PRIu64 ", \"faults\": %" PRIu64 "}",
+               result.dma.buffers, result.dma.runs, result.dma.faults);
     printf(", \"seconds\": %.6f, \"frames_per_second\": %.0f", result.seconds, frames_per_second(result));
     printf(", \"protocols\": {");
     for (size_t i = 0; i < kProtocols; i++)
@@ -319,19 +329,20 @@ void print_report_start(const report_style &style) {
     for (const column &column : kColumns)
         printf("\t%s", column.name);
     if (style.drops) printf("\tdropped");
+    if (style.dma) printf("\tdma_buffers\tdma_runs\tdma_faults");
     printf("\n");
 }
 
 void print_file_result(const report_style &style, const file_result &result) {
     switch (style.format) {
         case report_format::kTable:
-            print_table(result, style.drops);
+            print_table(style, result);
             break;
         case report_format::kTsv:
-            print_tsv(result, style.drops);
+            print_tsv(style, result);
             break;
         case report_format::kJson:
-            print_json(result, style.drops);
+            print_json(style, result);
             break;
     }
     fflush(stdout);

@@ -11,6 +11,7 @@
 
 #include "host/capture_reader.h"
 #include "host/connections.h"
+#include "host/dma_check.h"
 #include "host/heap_meter.h"
 #include "host/protocol_stack.h"
 
@@ -25,6 +26,7 @@ struct file_result {
     uint64_t dropped = 0;    // frames that the receiving side let go because there was no room
     uint64_t cut_short = 0;  // frames of which less was captured than was on the wire
     double seconds = 0;      // from the first frame read to the last one done
+    dma_counts dma;
     protocol_counts protocols = {};
     connection_totals connections = {};
     std::array<pool_state, kPools> pools = {};  // when the file was done
@@ -35,6 +37,7 @@ enum class report_format { kTable, kTsv, kJson };
 struct report_style {
     report_format format = report_format::kTable;
     bool drops = false;  // frames may be dropped, and the report tells how many were
+    bool dma = false;    // buffers were mapped for hardware, and the report tells how many
 };
 
 // What stands in front of the first file and behind the last one; nothing in some formats.

@@ -44,7 +44,8 @@ bool pools_are_full(const std::array<pool_state, kPools> &pools) {
 bool kernel_is_empty() {
     hosted_counts counts = hosted_count_objects();
     if (counts.modules == 0 && counts.module_references == 0 && counts.semaphores == 0 &&
-        counts.threads == 0 && counts.regions == 0 && counts.debug_commands == 0) {
+        counts.threads == 0 && counts.regions == 0 && counts.locked_ranges == 0 &&
+        counts.debug_commands == 0) {
         return true;
     }
     fprintf(stderr, "zarn: the modules have left something behind:\n");

@@ -24,7 +24,7 @@ const std::string kSamples = ZARN_SOURCE_DIR "/examples/captures";
 using strings = std::vector<std::string>;
 
 // The ways in which frames come to the protocols; nothing is lost on any of them.
-const strings kModes[] = {{}, {"--interrupt"}, {"--rate", "1000000"}};
+const strings kModes[] = {{}, {"--interrupt"}, {"--rate", "1000000"}, {"--dma"}};
 
 // Replays `files` and hands out the rows.
 std::map<std::string, table_row> replay(const strings &files, int code, const strings &mode = {}) {
@@ -128,6 +128,25 @@ TEST(replay, sorts_out_frames_that_captures_seldom_hold) {
             counts[name] = "1";
         expect_counts(c.name, pcap_file({c.record}), 0, counts);
     }
+}
+
+TEST(replay, maps_each_frame_for_hardware_where_it_may_block) {
+    // The jumbo frame lies in 33 slots, and a slot in one page; the frame without bytes needs no map.
+    const std::string path = scratch_directory() + "/dma";
+    write_file(path, pcap_file({pcap_record(ethernet(0x0800, ipv4(udp("ab")))), pcap_record("", 60),
+                                pcap_record(ethernet(0x0800, ipv4(udp(std::string(65507, 'x')))))}));
+    for (const strings &mode : {strings{"--dma"}, strings{"--dma", "--interrupt", "--repeat", "3"}}) {
+        table_row row = replay({path}, 0, mode)["dma"];
+        const int rounds = mode.size() == 1 ? 1 : 3;
+        EXPECT_EQ(row["udp_good"], std::to_string(2 * rounds));
+        EXPECT_EQ(row["dma_buffers"], std::to_string(2 * rounds));
+        EXPECT_EQ(row["dma_runs"], std::to_string(34 * rounds));
+        EXPECT_EQ(row["dma_faults"], "0");
+    }
+    std::string json = run_program({"replay", "--dma", "--json", path}).out;
+    EXPECT_NE(json.find("\"dma\": {\"buffers\": 2, \"runs\": 34, \"faults\": 0}"), std::string::npos) << json;
+    EXPECT_NE(run_program({"replay", "--dma", path}).out.find("mapped for hardware: 2 buffers in 34 "),
+              std::string::npos);
 }
 
 TEST(replay, tells_how_a_bad_file_ended) {
@@ -253,7 +272,7 @@ TEST(replay, survives_mutated_captures) {
     std::sort(seeds.begin(), seeds.end());
     std::mt19937 random(20);
     auto below = [&](size_t limit) { return static_cast<size_t>(random()) % limit; };
-    const strings modes[] = {{}, {"--interrupt"}, {"--drop"}, {"--interrupt", "--drop"}, {"--repeat", "2"}};
+    const strings modes[] = {{}, {"--interrupt"}, {"--drop"}, {"--interrupt", "--drop"}, {"--dma"}};
     for (int round = 0; round < 5; round++) {
         strings arguments = {"replay", "--tsv"};
         arguments.insert(arguments.end(), modes[round].begin(), modes[round].end());
