@@ -82,6 +82,30 @@ static void use_buffers(void) {
     CHECK(freed_with_argument == 1);
 }
 
+static void use_physical_memory(void) {
+    static uint8_t frame[64];
+    const uintptr_t page_offset = (uintptr_t)frame % 4096;
+    memory_run runs[4];
+    address_spec *spec = OP(63, cache_address_spec)(frame, sizeof frame, 0);
+    zarn_data_t *packet = gUtil->new_zarn_data();
+    lock_token *token;
+
+    CHECK(OP(65, get_cached_memory_map)(frame, sizeof frame, runs, 4) >= 1);
+    CHECK(runs[0].address % 4096 == page_offset);
+    OP(64, free_address_spec)(spec);
+    CHECK(gUtil->get_cached_memory_map(frame, sizeof frame, runs, 4) == 0);
+
+    gUtil->append_zarn_data(packet, frame, sizeof frame, NULL);
+    packet->flags |= DATA_NEEDS_LOCK;
+    token = OP(22, lock_zarn_data)(packet);
+    CHECK(token != NULL && (packet->flags & DATA_LOCKED) != 0);
+    CHECK(OP(12, get_data_memory_map)(packet, runs, 4, 1) >= 1 && runs[0].address % 4096 == page_offset);
+    OP(23, unlock_zarn_data)(token);
+    gUtil->zarn_free(token);
+    CHECK(gUtil->get_data_memory_map(packet, runs, 4, 1) == -1);
+    gUtil->delete_zarn_data(packet);
+}
+
 static void use_queues(void) {
     static uint8_t bytes[] = {1, 2, 3, 4};
     zarn_fifo_t fifo;
@@ -207,6 +231,7 @@ extern "C"
 
     for (gByPosition = 0; gByPosition < 2; gByPosition++) {
         use_buffers();
+        use_physical_memory();
         use_queues();
         use_locks_and_timers();
         use_memory();
