@@ -8,6 +8,7 @@
 #include <string.h>
 
 #include <zarn/zarn_endpoint_hooks.h>
+#include <zarn/zarn_profiler.h>
 #include <zarn/zarn_util.h>
 
 enum { kOperations = 77, kHeadWords = 3, kFamily = 2, kKind = 1, kTcp = 6 };
@@ -169,6 +170,8 @@ static void use_memory(void) {
     CHECK(b[0] == 0x01);
     OP(66, _enter_prof_func)("client", "profiled", PROF_RECORD);
     OP(67, _exit_prof_func)("client", "profiled", PROF_RECORD);
+    OP(66, _enter_prof_func)("client", __func__, PROF_RECORD);
+    OP(67, _exit_prof_func)("client", __func__, PROF_RECORD);
     OP(68, log_data_path)();
     OP(69, print_memuse)();
 }
@@ -237,7 +240,7 @@ extern "C"
         use_memory();
         use_families();
         for (int position = 1; position <= kOperations; position++) {
-            if (gCalls[position] == 0) fprintf(stderr, "position %d was not called\n", position);
+            CHECK(gCalls[position] > 0);
             gCalls[position] = 0;
         }
     }

@@ -216,16 +216,4 @@ TEST_F(purgatory_test, NobodyReleasesAUnitForAThreadAtWork) {
     kern_sem_delete(gGate);
 }
 
-TEST_F(purgatory_test, AFailedStartLeavesNothing) {
-    stop();
-    for (unsigned kind : {test_kernel::kSemCreate, test_kernel::kThreadSpawn}) {
-        test_kernel::fail_call(1, kind);
-        EXPECT_EQ(init_data_purgatory(8), test_kernel::kRefused);
-        EXPECT_EQ(test_kernel::sem_count(kName), -1);
-    }
-    test_kernel::fail_nothing();
-    start();
-    EXPECT_EQ(test_kernel::thread_priority(kName), 5);
-}
-
 }  // namespace

@@ -147,6 +147,13 @@ TEST_F(address_cache_test, AMapIsCutOutOfTheRunsAndNeverReachesBehindThem) {
     EXPECT_EQ(test_kernel::journal("memory_map").size(), std::size(cases)) << "the kernel was asked again";
 }
 
+TEST_F(address_cache_test, APlaceBehindTheRunsHasNone) {
+    const memory_run run = {0x1000, 100};
+    memory_run filled;
+    run_table table = {&filled, 1};
+    EXPECT_EQ(fill_run_table(&table, &run, 1, 100, 10), 0u);
+}
+
 TEST_F(address_cache_test, AFailureLeavesNothingBehind) {
     sweep_failures([] {
         dry_pools dry;

@@ -2,12 +2,8 @@
 
 #include "memory/mempool.h"
 
-#include <algorithm>
 #include <memory>
-#include <random>
-#include <vector>
 
-#include "tests/support/background.h"
 #include "tests/support/fixture.h"
 
 namespace {
@@ -61,33 +57,6 @@ TEST_F(mempool_test, EachChangeAdvancesTheGenerationWhichMayWrapAndAPopOfNothing
     EXPECT_EQ(node[0], &stack.sentinel);
     EXPECT_EQ(atomic_pop(&stack), node);
     EXPECT_EQ(stack.top.generation, generation += 2);
-}
-
-TEST_F(mempool_test, ThreadsThatHammerOnePoolNeverMeetInABlock) {
-    constexpr int kThreads = 4, kRounds = 20000;
-    constexpr size_t kHeld = 3;  // of each thread at most, so that the pool also runs dry
-    pool_pointer pool = make_pool(64, kBlocks);
-    run_threads(kThreads, [&](int thread) {
-        const auto id = static_cast<uint32_t>(thread);
-        std::minstd_rand random(id + 1);
-        std::vector<uint32_t *> held;
-        for (int round = 0; round < kRounds; ++round) {
-            if (held.size() < kHeld && random() % 2 == 0) {
-                auto *block = static_cast<uint32_t *>(mp_alloc(pool.get()));
-                if (block == nullptr) continue;
-                std::fill_n(block, 16, id);  // the sanitizer sees it when two threads hold the block
-                held.push_back(block);
-            } else if (!held.empty()) {
-                ASSERT_EQ(std::count(held.back(), held.back() + 16, id), 16);
-                mp_free(pool.get(), held.back());
-                held.pop_back();
-            }
-        }
-        for (uint32_t *block : held)
-            mp_free(pool.get(), block);
-    });
-    EXPECT_EQ(mempool_fault(pool.get(), kBlocks), nullptr);
-    EXPECT_EQ(free_blocks(pool.get()), kBlocks);
 }
 
 TEST_F(mempool_test, EachSpoiledFieldOfAPoolIsFound) {

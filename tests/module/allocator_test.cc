@@ -2,17 +2,13 @@
 
 #include "module/allocator.h"
 
-#include <zarn/status.h>
-
 #include <cstring>
 
-#include "tests/support/failures.h"
 #include "tests/support/fixture.h"
 
 namespace {
 
 using allocator_test = module_test;
-using allocator_start_test = kernel_test;
 
 // Where a block came from.
 char source_of(const void *block) {
@@ -85,22 +81,11 @@ TEST_F(allocator_test, ThePoolsFillTheRegionLargestFirstAndWhenDryFallBackToTheH
     EXPECT_EQ(blocks_out(), "");
 }
 
-TEST_F(allocator_start_test, AFailedStartOfTheAllocatorLeavesNothing) {
-    sweep_failures([] {
-        int32_t status = init_mempool();
-        int32_t refused = test_kernel::refusals();
-        test_kernel::fail_nothing();
-        const bool without_region = test_kernel::journal("region_delete").empty();
-        EXPECT_EQ(status, refused == 0     ? uninit_mempool()
-                          : without_region ? test_kernel::kRefused
-                                           : ERR_NO_MEMORY);
-        EXPECT_EQ(test_kernel::leftovers(), "");
-        test_kernel::clear_journal();
-    });
+TEST_F(kernel_test, APoolThatIsNotThereIsLeftAloneByTheStop) {
     ASSERT_EQ(init_mempool(), 0);
     for (mempool_t **pool : {&gMP.small_pool, &gMP.medium_pool, &gMP.large_pool})
         delete_mempool(std::exchange(*pool, nullptr));
-    EXPECT_EQ(uninit_mempool(), 0) << "a pool that isn't there is left alone";
+    EXPECT_EQ(uninit_mempool(), 0);
     gMP = {};
 }
 

@@ -103,7 +103,8 @@ zarn_data_t *wrap(const std::string &text) {
     return data;
 }
 
-void count_ready(zarn_endpoint_t *, uint32_t value, uintptr_t count, uintptr_t) {
+void count_ready(zarn_endpoint_t *listener, uint32_t value, uintptr_t count, uintptr_t) {
+    EXPECT_EQ(listener->ready_head, gConnection);
     *reinterpret_cast<uint32_t *>(count) += value;
 }
 

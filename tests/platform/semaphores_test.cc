@@ -48,18 +48,6 @@ TEST_F(semaphores, refuse_what_is_out_of_range_and_keep_their_units) {
     EXPECT_EQ(kern_sem_delete(sem), 0);
 }
 
-TEST_F(semaphores, releasing_thread_does_not_get_its_own_units_back) {
-    int32_t sem = kern_sem_create(0, "hand over");
-    for (int round = 0; round < 200; round++) {
-        sleeper first(sem), second(sem);
-        ASSERT_TRUE(waiters_become(sem, 2));
-        ASSERT_EQ(kern_sem_release_ex(sem, 2, KERN_SEM_NO_RESCHEDULE), 0);
-        EXPECT_EQ(try_acquire(sem), KERN_ERR_WOULD_BLOCK);
-        EXPECT_EQ(first.join() | second.join(), 0);
-    }
-    EXPECT_EQ(kern_sem_delete(sem), 0);
-}
-
 TEST_F(semaphores, serve_in_order_and_never_overtake_the_first_in_line) {
     int32_t sem = kern_sem_create(0, "line");
     const int32_t wanted[] = {1, 3, 1, 2, 1};

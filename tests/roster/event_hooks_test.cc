@@ -92,21 +92,4 @@ TEST_F(event_hooks_test, hooks_are_removed_from_any_place_and_misuse_is_refused)
     }
 }
 
-TEST_F(event_hooks_test, a_ready_child_is_on_its_list_when_the_hook_hears_of_it) {
-    ep_hook *waker = add(EP_EVENT_READY, ' ', true);
-    zarn_endpoint_t *accepted = nullptr;
-    waker->arg1 = reinterpret_cast<uintptr_t>(&accepted);
-    waker->func = [](zarn_endpoint_t *ep, uint32_t value, uintptr_t to, uintptr_t) {
-        EXPECT_EQ(value, 1u);
-        *reinterpret_cast<zarn_endpoint_t **>(to) = ep->ready_head;
-    };
-    ep_set_backlog(ep_, 1);
-    zarn_endpoint_t *child = ep_spawn_endpoint(ep_);
-    ep_ready_endpoint(child);
-    EXPECT_EQ(accepted, child);
-    EXPECT_EQ(ep_dequeue_endpoint(ep_), child);
-    ep_delete_endpoint(child);
-    EXPECT_EQ(release_family_ref(1), 0);
-}
-
 }  // namespace

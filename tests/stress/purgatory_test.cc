@@ -159,36 +159,6 @@ class purgatory_storm : public ::testing::Test {
     hosted_counts before_;
 };
 
-// Starts and stops with deletions around them: a wake-up that is lost stops the test for good, a buffer that is left
-// behind is seen.
-TEST_F(purgatory_storm, StartsAndStopsLoseNothing) {
-    const int rounds = stress_rounds(2000);
-    dice die(7), its_die(8);
-    std::atomic<int> turn{0};
-    std::thread other([&] {  // deletes its share of each round when it is told to
-        for (int round = 1; round <= rounds; ++round) {
-            while (turn != 2 * round - 1)
-                std::this_thread::yield();
-            for (uint32_t i = its_die.roll(12); i != 0; --i)
-                isafe_delete_zarn_data(new_zarn_data());
-            turn++;
-        }
-    });
-    for (int round = 1; round <= rounds; ++round) {
-        ASSERT_EQ(init_data_purgatory(static_cast<int32_t>(die.roll(3))), 0);
-        turn = 2 * round - 1;
-        for (uint32_t i = die.roll(12); i != 0; --i)
-            isafe_delete_zarn_data(new_packet(&elements.emplace_back(), die.roll(2)));
-        while (turn != 2 * round)
-            std::this_thread::yield();
-        for (uint32_t spins = die.roll(2) * die.roll(3000); spins != 0; --spins)
-            pause_processor();
-        ASSERT_EQ(uninit_data_purgatory(), 0);
-        ASSERT_EQ(gFrees, static_cast<int>(elements.size())) << "round " << round;
-    }
-    other.join();
-}
-
 // Steps the purgatory's thread through its own code, one instruction at a time, and holds it behind a number of them, or
 // in front of its acquire.
 std::atomic<int> gStepsLeft;
