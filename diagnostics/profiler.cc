@@ -97,7 +97,7 @@ int32_t freerec(void *item) {
 static void start_profiler() {
     kern_log("initializing profiler\n");
     const int32_t lock = kern_sem_create(1, "profiler sem");
-    kern_sem_set_owner(lock, KERN_TEAM);
+    if (lock >= 0) kern_sem_set_owner(lock, KERN_TEAM);
     int32_t expected = kProfilerNotStarted;
     if (!__atomic_compare_exchange_n(&gLock, &expected, lock, false, __ATOMIC_SEQ_CST, __ATOMIC_SEQ_CST)) {
         if (lock >= 0) kern_sem_delete(lock);
