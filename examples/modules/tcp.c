@@ -1,53 +1,21 @@
 // SPDX-License-Identifier: MIT
 //
-// TCP (RFC 9293): the checksum over pseudo header, header and payload, and the connections of others,
-// which are followed without taking part in them. A SYN spawns a child of the listener, whatever its port;
-// the child is ready when the three steps of the handshake have been seen, and ends with a reset or with
-// both sides' FIN.
-//
-// Two threads meet here: the one that receives, and the one that accepts, asks and deletes. `gLock` guards
-// the connections and the way to them. `uninit_tcp` takes it, perhaps with the listener's lock held, so
-// nothing is called under it that takes the lock of an endpoint. The receiver may use a
-// child's endpoint without the lock, because the accepting side deletes it only when its end has been
-// raised, which is the last that the receiver does with it, or when no packets are received.
+// TCP (RFC 9293): the checksum over pseudo header, header and payload, and the endpoints. What a segment does
+// beyond that is decided by whether there is a device: a host has connections of its own, an observer follows
+// those of others.
+
+#include "tcp.h"
 
 #include "sample_module.h"
 
-enum { kShortestHeader = 20, kFlags = 13, kFin = 1, kSyn = 2, kReset = 4, kAck = 16 };
-enum { kBuckets = 1024, kWidestWindow = 1 << 30 };
-enum { kClient, kServer, kSides };
-
-typedef enum connection_state {
-    kUnused,       // of an endpoint that no SYN has been seen for
-    kSynSeen,      // by the client
-    kSynAckSeen,   // by the server
-    kEstablished,  // the client has acknowledged it
-} connection_state;
-
-// What a protocol node of an endpoint refers to.
-typedef struct connection {
-    struct connection *next;  // in its bucket
+typedef struct listener {
+    struct listener *next;
     zarn_endpoint_t *endpoint;
-    connection_state state;  // as long as it is in a bucket
-    sample_connection facts;
-    uint32_t first_sequence;     // of the client's SYN
-    uint32_t next_byte[kSides];  // sequence number behind all that was counted
-    uint8_t finished[kSides];
-} connection;
+    uint16_t port;  // 0: all that no other listener has
+} listener;
 
-typedef struct segment {
-    const sample_network_header *network;
-    uint16_t source_port, destination_port;
-    uint32_t sequence, acknowledged;
-    uint32_t payload;  // bytes on the wire
-    uint8_t flags;
-} segment;
-
-static const sample_protocol_module gTcp;
-
-static zarn_tallylock_t gLock;
-static connection *gBuckets[kBuckets];
-static zarn_endpoint_t *gListener;
+zarn_tallylock_t gLock;
+static listener *gListeners;
 
 static sample_verdict check(zarn_data_t *data, const sample_network_header *network) {
     if (network == NULL || network->part == SAMPLE_PART) return kUnverified;
@@ -65,194 +33,81 @@ static int read_segment(zarn_data_t *data, const sample_network_header *network,
     const uint8_t *header = map_bytes(data, 0, kShortestHeader);
     uint32_t length = header != NULL ? (header[12] >> 4) * 4u : 0;
     if (length < kShortestHeader || length > data->user_word_1) return 0;
-    *out = (segment){network,
-                     read16(header),
-                     read16(header + 2),
-                     read32(header + 4),
-                     read32(header + 8),
-                     data->user_word_1 - length,
-                     header[kFlags]};
+    *out = (segment){.network = network,
+                     .source_port = read16(header),
+                     .destination_port = read16(header + 2),
+                     .sequence = read32(header + 4),
+                     .acknowledged = read32(header + 8),
+                     .window = read16(header + 14),
+                     .header = length,
+                     .payload = data->user_word_1 - length,
+                     .flags = header[kFlags]};
     return 1;
-}
-
-// Connections
-
-static int same_end(const uint8_t *address, uint16_t port, const uint8_t *other, uint16_t other_port) {
-    return read32(address) == read32(other) && port == other_port;
-}
-
-// The same for both directions.
-static connection **bucket_of(const uint8_t *a, uint16_t a_port, const uint8_t *b, uint16_t b_port) {
-    uint32_t mixed = (read32(a) ^ read32(b)) + (uint32_t)(a_port ^ b_port) * 0x9e3779b1u;
-    return &gBuckets[(mixed ^ mixed >> 16) % kBuckets];
-}
-
-// The connection of a segment, with the side that has sent it. Under the lock.
-static connection *find_connection(const segment *in, int *side) {
-    const uint8_t *from = in->network->source, *to = in->network->destination;
-    connection *found = *bucket_of(from, in->source_port, to, in->destination_port);
-    for (; found != NULL; found = found->next) {
-        const sample_connection *facts = &found->facts;
-        for (*side = kClient; *side < kSides; ++*side) {
-            int client = *side == kClient;
-            if (same_end(client ? from : to, client ? in->source_port : in->destination_port, facts->client,
-                         facts->client_port) &&
-                same_end(client ? to : from, client ? in->destination_port : in->source_port, facts->server,
-                         facts->server_port))
-                return found;
-        }
-    }
-    return NULL;
-}
-
-// Takes a connection out of its bucket, if it is in one. Under the lock.
-static void unlink_connection(connection *gone) {
-    const sample_connection *facts = &gone->facts;
-    connection **link = bucket_of(facts->client, facts->client_port, facts->server, facts->server_port);
-    while (*link != NULL && *link != gone)
-        link = &(*link)->next;
-    if (*link != NULL) *link = gone->next;
-}
-
-// Tells the accepting side that a connection has ended, which has been unlinked, and was in `state`. With
-// that the endpoint may go at any moment. A child that isn't ready yet is made so, last of all: only then can
-// anybody dequeue and delete it.
-static void end_connection(zarn_endpoint_t *endpoint, connection_state state) {
-    int failed = state != kEstablished;
-    gUtil->ep_notify_endpoint(endpoint, SAMPLE_EVENT_ENDED, failed ? SAMPLE_FAILED : SAMPLE_CLOSED);
-    if (failed) gUtil->ep_ready_endpoint(endpoint);
-}
-
-// A SYN of a connection that isn't known.
-static void begin_connection(const segment *in, zarn_endpoint_t *listener) {
-    zarn_endpoint_t *child = gUtil->ep_spawn_endpoint(listener);
-    if (child == NULL) {
-        gCounts.refused++;
-        notify(SAMPLE_NOTIFY_BACKLOG_FULL, in->destination_port, in->network->source,
-               in->network->destination);
-        return;
-    }
-    connection *created = (connection *)find_node(child, &gTcp)->data;
-    sample_connection *facts = &created->facts;
-    for (int i = 0; i < 4; i++) {
-        facts->client[i] = in->network->source[i];
-        facts->server[i] = in->network->destination[i];
-    }
-    facts->client_port = in->source_port;
-    facts->server_port = in->destination_port;
-    created->endpoint = child;
-    created->state = kSynSeen;
-    created->first_sequence = in->sequence;
-    created->next_byte[kClient] = in->sequence + 1;
-    facts->client_bytes = in->payload;
-    created->next_byte[kClient] += in->payload;
-
-    connection **bucket = bucket_of(facts->client, facts->client_port, facts->server, facts->server_port);
-    gUtil->zarn_lock_tallylock(&gLock);
-    created->next = *bucket;
-    *bucket = created;
-    gUtil->zarn_unlock_tallylock(&gLock);
-}
-
-// Counts what is new in a segment. Sequence numbers wrap, so they are compared by their distance. A FIN
-// counts all that was sent before it, and takes a number itself, which the sender's later segments stand
-// behind.
-static void count_payload(connection *known, const segment *in, int side) {
-    if (known->finished[side] || (in->payload == 0 && (in->flags & kFin) == 0)) return;
-    uint32_t end = in->sequence + ((in->flags & kSyn) != 0) + in->payload;
-    uint32_t fresh = end - known->next_byte[side];
-    if ((int32_t)fresh <= 0 || fresh > kWidestWindow) return;
-    known->next_byte[side] = end;
-    *(side == kClient ? &known->facts.client_bytes : &known->facts.server_bytes) += fresh;
-}
-
-// Takes a known connection on by a segment. Returns whether it ends with it. Under the lock.
-static int advance_connection(connection *known, const segment *in, int side) {
-    if ((in->flags & kReset) != 0) return 1;
-    if (side == kServer && known->state == kSynSeen) {
-        if ((in->flags & (kSyn | kAck)) != (kSyn | kAck) ||
-            (int32_t)(in->acknowledged - known->first_sequence) <= 0)
-            return 0;
-        known->state = kSynAckSeen;
-        known->next_byte[kServer] = in->sequence + 1;
-    }
-    if (side == kClient && known->state == kSynAckSeen && (in->flags & kAck) != 0 &&
-        (int32_t)(in->acknowledged - known->next_byte[kServer]) >= 0)
-        known->state = kEstablished;
-    count_payload(known, in, side);
-    if ((in->flags & kFin) != 0) known->finished[side] = 1;
-    return known->state == kEstablished && known->finished[kClient] && known->finished[kServer];
-}
-
-static void follow(const segment *in) {
-    zarn_endpoint_t *ended = NULL, *ready = NULL, *listener = NULL;
-    connection_state state = kUnused;
-    int side, first = (in->flags & (kSyn | kAck | kReset)) == kSyn;
-    gUtil->zarn_lock_tallylock(&gLock);
-    connection *known = find_connection(in, &side);
-    int again = first && known != NULL && side == kClient && in->sequence == known->first_sequence;
-    if (first && !again) listener = gListener;
-    if (known != NULL) {
-        // A new SYN between the same two ends: nothing has been seen of the end of the connection before.
-        connection_state before = known->state;
-        int end = (first && !again) || advance_connection(known, in, side);
-        state = known->state;
-        if (before != kEstablished && state == kEstablished) ready = known->endpoint;
-        if (end) {
-            ended = known->endpoint;
-            unlink_connection(known);
-        }
-    }
-    gUtil->zarn_unlock_tallylock(&gLock);
-
-    if (ready != NULL) gUtil->ep_ready_endpoint(ready);
-    if (ended != NULL) end_connection(ended, state);
-    if (listener != NULL) begin_connection(in, listener);
 }
 
 static void receive(zarn_data_t *data, const sample_network_header *network) {
     segment in;
     sample_verdict verdict = check(data, network);
     count_packet(data, network, verdict);
-    // Of what was captured in part, the header is good enough.
-    if (verdict != kBad && read_segment(data, network, &in)) follow(&in);
+    // For an observer the header is good enough of what was captured in part.
+    int readable = verdict != kBad && read_segment(data, network, &in);
+    if (readable && attached() && verdict == kGood) {
+        receive_segment(&in, data);
+        return;
+    }
+    if (readable && !attached()) observe_segment(&in);
     gUtil->delete_zarn_data(data);
 }
 
 // Endpoints
 
-static int32_t init_tcp(proto_node *node) {
-    connection *created = gUtil->zarn_malloc(sizeof(connection));
-    if (created == NULL) return ERR_NO_MEMORY;
-    node->data = (uintptr_t)created;
-    return 0;
-}
-
-static int32_t uninit_tcp(proto_node *node) {
-    connection *gone = (connection *)node->data;
-    gUtil->zarn_lock_tallylock(&gLock);
-    if (gListener == node->endpoint) gListener = NULL;
-    unlink_connection(gone);
-    gUtil->zarn_unlock_tallylock(&gLock);
-    gUtil->zarn_free(gone);
-    return 0;
+zarn_endpoint_t *find_listener(uint16_t port) {
+    zarn_endpoint_t *found = NULL;
+    for (const listener *each = gListeners; each != NULL; each = each->next)
+        if (each->port == port || (each->port == 0 && found == NULL)) found = each->endpoint;
+    return found;
 }
 
 static int32_t open_endpoint(zarn_endpoint_t *ep) {
     if (find_node(ep, &gTcp) == NULL) return ERR_BAD_VALUE;
+    listener *created = gUtil->zarn_malloc(sizeof(listener));
+    if (created == NULL) return ERR_NO_MEMORY;
+    created->endpoint = ep;
+    created->port = (uint16_t)ep->copied_word_1;
+    int32_t status = 0;
     gUtil->zarn_lock_tallylock(&gLock);
-    int32_t status = gListener == NULL || gListener == ep ? 0 : ERR_DUPLICATE;
-    if (status == 0) gListener = ep;
+    listener **link = &gListeners;
+    while (*link != NULL && (*link)->port != created->port)
+        link = &(*link)->next;
+    if (*link == NULL) {
+        *link = created;
+        created = NULL;
+    } else if ((*link)->endpoint != ep) {
+        status = ERR_DUPLICATE;
+    }
     gUtil->zarn_unlock_tallylock(&gLock);
+    gUtil->zarn_free(created);
     return status;
+}
+
+static int32_t uninit_tcp(proto_node *node) {
+    gUtil->zarn_lock_tallylock(&gLock);
+    listener **link = &gListeners;
+    while (*link != NULL && (*link)->endpoint != node->endpoint)
+        link = &(*link)->next;
+    listener *gone = *link;
+    if (gone != NULL) *link = gone->next;
+    gUtil->zarn_unlock_tallylock(&gLock);
+    gUtil->zarn_free(gone);
+    if (node->data == 0) return 0;
+    (attached() ? release_endpoint : forget_observed)(node);
+    return 0;
 }
 
 static int32_t get_connection(zarn_endpoint_t *ep, sample_connection *out) {
     proto_node *node = find_node(ep, &gTcp);
-    if (node == NULL) return ERR_BAD_VALUE;
-    gUtil->zarn_lock_tallylock(&gLock);
-    *out = ((connection *)node->data)->facts;
-    gUtil->zarn_unlock_tallylock(&gLock);
+    if (node == NULL || node->data == 0) return ERR_BAD_VALUE;
+    (attached() ? describe_connection : describe_observed)(node, out);
     return 0;
 }
 
@@ -260,20 +115,23 @@ static int32_t start_or_stop_tcp(int32_t op) {
     if (op == MODULE_STOP) gUtil->zarn_delete_tallylock(&gLock);
     int32_t status = start_or_stop(op);
     if (op != MODULE_START || status != 0) return status;
-    status = gUtil->zarn_create_tallylock(&gLock, "tcp connections");
+    status = gUtil->zarn_create_tallylock(&gLock, "tcp endpoints");
     if (status >= 0) return 0;
     start_or_stop(MODULE_STOP);
     return status;
 }
 
 static const sample_endpoint_operations kEndpoints = {.open = open_endpoint,
-                                                      .get_connection = get_connection};
-static const sample_protocol_module gTcp = {
-    {{"network/tcp", SAMPLE_PROTOCOL_FLAGS, start_or_stop_tcp}, init_tcp, uninit_tcp},
+                                                      .get_connection = get_connection,
+                                                      .take_bytes = take_bytes,
+                                                      .send_bytes = send_bytes,
+                                                      .end_sending = end_sending};
+const sample_protocol_module gTcp = {
+    {{"network/tcp", SAMPLE_PROTOCOL_FLAGS, start_or_stop_tcp}, init_protocol, uninit_tcp},
     receive,
     upper_at,
     take_counts,
     forget_uppers,
     &kEndpoints,
-    NULL};
+    &kHost};
 const void *const modules[] = {&gTcp, NULL};

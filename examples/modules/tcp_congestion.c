@@ -1,0 +1,134 @@
+// SPDX-License-Identifier: MIT
+//
+// How much may be under way, and how long to wait for its acknowledgement: slow start and congestion
+// avoidance (RFC 5681), recovery from what was lost (RFC 6582, since peers tell us nothing of what came
+// behind a hole), and the time-out (RFC 6298).
+
+#include "tcp_connection.h"
+
+#define SHORTEST_TIMEOUT (200 * MILLISECOND)
+#define LONGEST_TIMEOUT (60 * SECOND)
+#define CLOCK_STEP (8 * MILLISECOND)  // timers come up to two ticks of 4096 microseconds late
+
+enum { kDuplicates = 3 };  // in a row tell that a segment is lost and not just late
+
+static uint32_t most(uint32_t a, uint32_t b) {
+    return a > b ? a : b;
+}
+
+static void set_timeout(tcp_connection *c, int64_t timeout) {
+    if (timeout < SHORTEST_TIMEOUT) timeout = SHORTEST_TIMEOUT;
+    c->timeout = timeout < LONGEST_TIMEOUT ? timeout : LONGEST_TIMEOUT;
+}
+
+static void take_sample(tcp_connection *c, int64_t trip) {
+    if (c->smoothed == 0) {
+        c->smoothed = trip;
+        c->variation = trip / 2;
+    } else {
+        int64_t error = c->smoothed - trip;
+        c->variation += ((error < 0 ? -error : error) - c->variation) / 4;
+        c->smoothed += (trip - c->smoothed) / 8;
+    }
+    if (c->smoothed == 0) c->smoothed = 1;
+    int64_t spread = 4 * c->variation;
+    set_timeout(c, c->smoothed + (spread > CLOCK_STEP ? spread : CLOCK_STEP));
+}
+
+static uint32_t under_way(const tcp_connection *c) {
+    return c->highest_sent - c->unacknowledged;
+}
+
+// What remains after a loss.
+static uint32_t half_under_way(const tcp_connection *c) {
+    return most(under_way(c) / 2, 2 * c->segment_size);
+}
+
+static uint32_t initial_window(const tcp_connection *c) {
+    return least(kInitialSegments * c->segment_size, most(2 * c->segment_size, 14600));
+}
+
+// The handshake is done. If it took more than one SYN-ACK, the network is treated with care.
+void begin_sending(tcp_connection *c) {
+    c->threshold = UINT32_MAX;
+    c->recover = c->unacknowledged - 1;
+    c->congestion_window = initial_window(c);
+    if (c->retries != 0) {
+        c->congestion_window = c->segment_size;
+        c->timeout = 3 * SECOND;
+    } else {
+        take_sample(c, gNow - c->timed_at);
+    }
+    c->timing = 0;
+    c->retries = 0;
+    c->resend_at = NEVER;
+}
+
+// The window is as wide as it was when all of this was sent, and wider for what has come through. It needn't
+// outgrow what the peer takes.
+static void widen(tcp_connection *c, uint32_t bytes) {
+    uint32_t step = least(bytes, 2 * c->segment_size);  // RFC 3465: peers acknowledge in large steps
+    if (c->congestion_window >= c->threshold)
+        step = most(1, (uint32_t)((uint64_t)c->segment_size * step / c->congestion_window));
+    if (c->congestion_window < 2 * c->widest_window) c->congestion_window += step;
+}
+
+// `bytes` more have been acknowledged, and `unacknowledged` tells so.
+void count_acknowledged(tcp_connection *c, uint32_t bytes) {
+    if (c->timing && !after(c->timed_end, c->unacknowledged)) {
+        c->timing = 0;
+        take_sample(c, gNow - c->timed_at);
+    }
+    c->retries = 0;
+    if (!c->recovering) {
+        c->duplicates = 0;
+        widen(c, bytes);
+    } else if (!after(c->recover, c->unacknowledged)) {
+        c->duplicates = 0;
+        c->recovering = 0;
+        c->congestion_window = least(c->threshold, most(under_way(c), c->segment_size) + c->segment_size);
+    } else {
+        // Another hole, behind the one that was filled.
+        c->congestion_window -= least(c->congestion_window, bytes);
+        if (bytes >= c->segment_size) c->congestion_window += c->segment_size;
+        c->congestion_window = most(c->congestion_window, c->segment_size);
+        resend_first(c);
+    }
+    c->resend_at = all_acknowledged(c) ? NEVER : gNow + c->timeout;
+}
+
+// The peer has said the same again, so something has reached it, and not what it waits for. After a time-out
+// the duplicates are those of what was sent in vain, until all of that is acknowledged.
+void count_duplicate(tcp_connection *c) {
+    c->duplicates++;
+    if (c->recovering) {
+        c->congestion_window += c->segment_size;
+    } else if (c->duplicates == kDuplicates && after(c->unacknowledged, c->recover)) {
+        c->threshold = half_under_way(c);
+        c->recover = c->highest_sent;
+        c->recovering = 1;
+        c->congestion_window = c->threshold + kDuplicates * c->segment_size;
+        resend_first(c);
+    }
+}
+
+void back_off(tcp_connection *c) {
+    if (c->retries == 1) c->threshold = half_under_way(c);
+    c->congestion_window = c->segment_size;
+    c->recover = c->highest_sent;
+    c->recovering = 0;
+    c->duplicates = 0;
+    set_timeout(c, 2 * c->timeout);
+    c->next_sent = c->unacknowledged;
+    resend_first(c);
+}
+
+// After a pause nobody knows how much the network takes. The first duplicates let new segments follow, so
+// that there are enough to tell a loss where few segments are under way [RFC 3042].
+uint32_t sendable_end(tcp_connection *c) {
+    if (all_acknowledged(c) && gNow - c->sent_at > c->timeout)
+        c->congestion_window = least(c->congestion_window, initial_window(c));
+    uint32_t window = c->congestion_window;
+    if (c->duplicates < kDuplicates) window += c->duplicates * c->segment_size;
+    return c->unacknowledged + least(c->window, window);
+}
