@@ -13,6 +13,7 @@ namespace {
 
 constexpr size_t kLongestText = 4096;
 constexpr int32_t kMostArguments = 32;
+constexpr int64_t kStopPatience = 1'000'000;  // usec
 
 struct command {
     char *name;
@@ -31,8 +32,8 @@ hosted::lock gCommands;
 command *gFirst;
 int32_t gCount;
 
-hosted::lock gRunning;                  // held while a command runs
-void (*gEntered)(const char *message);  // atomic
+hosted::lock gRunning;  // held while a command runs, but for one that runs with the others stopped
+void (*gEntered)(const char *message, int32_t running);  // atomic
 
 // Where this thread's kern_debug_print goes; set while it runs a command.
 thread_local const output_sink *tOutput;
@@ -105,10 +106,15 @@ void kern_debug_print(const char *format, ...) {
 
 void kern_debug_enter(const char *message) {
     kern_log("kernel: debugger entered: %s", message ? message : "\n");
-    if (void (*entered)(const char *) = __atomic_load_n(&gEntered, __ATOMIC_ACQUIRE)) entered(message);
+    if (!__atomic_load_n(&gEntered, __ATOMIC_ACQUIRE)) return;
+    int32_t running = hosted_stop_threads(kStopPatience);
+    if (running < 0) return;
+    // It may have gone while this thread waited for its turn.
+    if (auto *entered = __atomic_load_n(&gEntered, __ATOMIC_ACQUIRE)) entered(message, running);
+    hosted_continue_threads();
 }
 
-void hosted_set_debug_entry(void (*entered)(const char *message)) {
+void hosted_set_debug_entry(void (*entered)(const char *message, int32_t running)) {
     __atomic_store_n(&gEntered, entered, __ATOMIC_RELEASE);
 }
 
@@ -133,11 +139,13 @@ int32_t hosted_run_debug_command(const char *line, void (*output)(void *context,
     if (function) {
         output_sink sink = {output, context};
         const output_sink *before = tOutput;
-        if (!before) gRunning.take();  // a command may run another one
+        // A command may run another one. And one that was stopped half-way must not keep the debugger waiting.
+        bool takes_turn = !before && !hosted::others_are_stopped();
+        if (takes_turn) gRunning.take();
         tOutput = &sink;
         status = function(count, arguments);
         tOutput = before;
-        if (!before) gRunning.give();
+        if (takes_turn) gRunning.give();
     }
     free(text);
     return status;

@@ -57,7 +57,7 @@ void hosted_set_log(void (*sink)(void *context, const char *text), void *context
 // Runs a command line such as "prof_kern 5" and sends what it prints to `output`; with null to the log.
 // Returns the command's result, or KERN_ERR_NOT_FOUND for a name that nobody registered and
 // KERN_ERR_BAD_VALUE for an empty line. Commands run on the calling thread, one at a time, and the machine
-// isn't stopped meanwhile: what they read without a lock may be changing unless the caller keeps it quiet.
+// isn't stopped by that: what they read without a lock may be changing unless the caller keeps it quiet.
 int32_t hosted_run_debug_command(const char *line, void (*output)(void *context, const char *text),
                                  void *context);
 
@@ -65,15 +65,30 @@ int32_t hosted_run_debug_command(const char *line, void (*output)(void *context,
 void hosted_list_debug_commands(void (*visit)(void *context, const char *name, const char *help),
                                 void *context);
 
-// Called by kern_debug_enter after the message was logged; null (as at first) comes back at once.
-void hosted_set_debug_entry(void (*entered)(const char *message));
+// What kern_debug_enter does when it has logged its message: it stops all other threads for as long as `entered`
+// runs, on the calling thread; null (as at first) comes back at once. `running` threads could not be stopped.
+// Threads that enter at the same time take turns. At interrupt level, inside a critical section, and while the
+// caller is in the debugger already, there is the line in the log and no more.
+void hosted_set_debug_entry(void (*entered)(const char *message, int32_t running));
+
+// Stops every other thread that the kernel knows: those of kern_thread_spawn and those that have asked for their
+// id. A thread stops where it holds no lock of this kernel or of the C library, so the caller may go on using
+// both; locks that are made of semaphores stay as they are. Threads that come meanwhile stop, too. Time goes on:
+// timeouts run out and timers fall due, and that shows as soon as the threads go on.
+// Waits for another thread that has stopped the others, and then `patience` usec at most for threads to come to
+// such a place. Returns how many have not; they go on running. KERN_ERR_NOT_ALLOWED at interrupt level, inside a
+// critical section, and when the caller has stopped the others already.
+int32_t hosted_stop_threads(int64_t patience);
+
+// Lets them go on. For the thread that has stopped them.
+void hosted_continue_threads();
 
 // Interrupts and signals
 
 // Makes the handler of `signal` run at interrupt level: it may call what kern.h allows there and must not
 // wait, call the heap or log to a sink. Interrupts don't nest on a thread. Restarts system calls. With a null
 // handler the signal is ignored from then on, what is still on its way included. Returns 0 or
-// KERN_ERR_BAD_VALUE for a signal that can't be caught.
+// KERN_ERR_BAD_VALUE for a signal that can't be caught, or that is the kernel's own: SIGRTMAX.
 int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *info));
 
 // Makes `signal` end an interruptible wait of the thread that it meets, from the moment that the thread has
@@ -93,14 +108,24 @@ struct hosted_semaphore_info {
     int32_t team;   // 1 as long as nobody gave it to another
     int32_t count;  // units that nobody has taken
     int32_t waiters;
+    int32_t holder;  // the thread that took units last and has given none back since; 0 when it isn't known
 };
 
 struct hosted_thread_info {
     int32_t id;
-    char name[32];     // cut
-    int32_t priority;  // as given to kern_thread_spawn, 10 for the others
-    bool spawned;      // by kern_thread_spawn
-    bool suspended;    // never resumed yet
+    char name[32];      // cut
+    int32_t priority;   // as given to kern_thread_spawn, 10 for the others
+    bool spawned;       // by kern_thread_spawn
+    bool suspended;     // never resumed yet
+    int32_t waits_for;  // the semaphore in whose line it stands, 0 for none
+    bool sleeps;        // in kern_sleep_us
+    bool stopped;       // by hosted_stop_threads
+};
+
+struct hosted_module_info {
+    char path[128];
+    int32_t references;
+    int32_t owner;  // the thread that starts or stops it just now, 0 for none
 };
 
 struct hosted_counts {
@@ -122,6 +147,7 @@ int32_t hosted_log_objects();
 // Fill `table` with at most `capacity` entries, and return how many objects there are.
 int32_t hosted_list_semaphores(hosted_semaphore_info *table, int32_t capacity);
 int32_t hosted_list_threads(hosted_thread_info *table, int32_t capacity);
+int32_t hosted_list_modules(hosted_module_info *table, int32_t capacity);
 
 // How many threads stand in the line of `sem`; -1 if there is no such semaphore.
 int32_t hosted_count_waiters(int32_t sem);

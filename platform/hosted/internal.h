@@ -6,6 +6,8 @@
 #ifndef ZARN_PLATFORM_HOSTED_INTERNAL_H
 #define ZARN_PLATFORM_HOSTED_INTERNAL_H
 
+#include <sys/types.h>
+
 #include <cstdint>
 
 #include "platform/hosted/hosted_kernel.h"
@@ -42,8 +44,12 @@ class section {
     section &operator=(const section &) = delete;
 };
 
-// How many interrupts have come to this thread.
+// Whether this thread is at thread level and outside of all critical sections.
+bool at_open_thread_level();
+
+// How many interrupts have come to this thread, requests to stand still among them.
 uint32_t interrupts_seen();
+void note_interrupt();
 
 // `word` is what a signal changes from any other value to `poked` when it meets this thread, or null.
 void set_poke(uint32_t *word);
@@ -82,6 +88,46 @@ inline void relax() {
     __builtin_ia32_pause();
 #endif
 }
+
+// How a thread stands to the one that stops the others: platform/hosted/stop.cc.
+struct stop_place {
+    uint32_t word;  // atomic
+    // Written by the thread before it says in `word` that it stands still.
+    uintptr_t at;  // the instruction that was interrupted
+    bool waits;    // in a wait of the kernel's own, or for input or time
+};
+
+// Calls `visit` for every thread in the list but the calling one. None of them leaves the list meanwhile, and
+// none that comes does more than join it before the end.
+void visit_other_threads(void (*visit)(void *context, pid_t host_id, stop_place *place), void *context);
+// The calling thread's.
+stop_place *own_stop_place();
+
+// Called under the list's lock by a thread that joins the list; true: it calls stand_still behind that.
+bool stop_at_birth(stop_place *place);
+void stand_still(stop_place *place);
+bool stands_still(const stop_place *place);
+// Called under the list's lock by a thread that leaves it: nobody would let it go any more.
+void stop_no_more(stop_place *place);
+
+// The signal that asks a thread to stop. It must not meet a thread in the handler of another signal.
+int stop_signal();
+
+// Notes whether this thread is in a wait of the kernel's own, and returns what was noted before.
+bool set_waiting(bool waiting);
+
+// Whether it is the calling thread that has stopped the others.
+bool others_are_stopped();
+
+// Calls `visit` with an address in the code of each module that is in service.
+void visit_module_code(void (*visit)(void *context, const void *code), void *context);
+
+// What this thread waits for, for listings: a semaphore, kSleeps, or 0.
+constexpr int32_t kSleeps = -1;
+void note_wait(int32_t waits_for);
+
+// The id of the calling thread, 0 if it has none yet. At any level.
+int32_t known_thread_id();
 
 // Cuts what doesn't fit; the result always ends.
 void copy_name(char *dest, size_t size, const char *source);

@@ -63,8 +63,8 @@ void keep(const siginfo_t *info, void *context) {
 
 void on_interrupt(int, siginfo_t *info, void *context) {
     int error = errno;
-    tSeen = tSeen + 1;
-    if (tSections > 0 || tLevel > 0 || tKept > 0) {
+    hosted::note_interrupt();
+    if (!hosted::at_open_thread_level()) {
         keep(info, context);
     } else {
         tLevel = 1;
@@ -89,6 +89,10 @@ void on_signal(int signal) {
         }
     }
     errno = error;
+}
+
+bool is_free(int signal) {
+    return signal > 0 && signal < kSignals && signal != hosted::stop_signal();
 }
 
 int32_t install(int signal, const struct sigaction *action) {
@@ -125,8 +129,16 @@ void leave_section() {
     }
 }
 
+bool at_open_thread_level() {
+    return tSections == 0 && tLevel == 0 && tKept == 0;
+}
+
 uint32_t interrupts_seen() {
     return tSeen;
+}
+
+void note_interrupt() {
+    tSeen = tSeen + 1;
 }
 
 void set_poke(uint32_t *word) {
@@ -137,7 +149,7 @@ void set_poke(uint32_t *word) {
 }  // namespace hosted
 
 int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *info)) {
-    if (signal <= 0 || signal >= kSignals) return KERN_ERR_BAD_VALUE;
+    if (!is_free(signal)) return KERN_ERR_BAD_VALUE;
     interrupt_handler before = __atomic_exchange_n(&gInterrupts[signal], handler, __ATOMIC_ACQ_REL);
     struct sigaction action = {};
     if (handler) {
@@ -154,11 +166,12 @@ int32_t hosted_install_interrupt(int signal, void (*handler)(const siginfo_t *in
 }
 
 int32_t hosted_install_signal(int signal, void (*handler)(int signal)) {
-    if (signal <= 0 || signal >= kSignals) return KERN_ERR_BAD_VALUE;
+    if (!is_free(signal)) return KERN_ERR_BAD_VALUE;
     __atomic_store_n(&gSignals[signal], handler, __ATOMIC_RELEASE);
     struct sigaction action = {};
     action.sa_handler = on_signal;
     sigemptyset(&action.sa_mask);
+    sigaddset(&action.sa_mask, hosted::stop_signal());
     return install(signal, &action);
 }
 

@@ -38,12 +38,14 @@ int futex_wait(uint32_t *word, uint32_t value, int64_t caller_deadline) {
         until.tv_nsec = static_cast<long>(deadline % 1000000 * 1000);
         limit = &until;
     }
+    bool before = set_waiting(true);
     // The form with a bit set takes the timeout as a point of the monotonic clock.
     long result =
         syscall(SYS_futex, word, FUTEX_WAIT_BITSET_PRIVATE, value, limit, nullptr, FUTEX_BITSET_MATCH_ANY);
-    if (result == 0) return 0;
-    if (errno != EAGAIN && errno != EINTR && errno != ETIMEDOUT) broken("futex wait", errno);
-    return errno == ETIMEDOUT && deadline != caller_deadline ? EAGAIN : errno;
+    int error = result == 0 ? 0 : errno;
+    set_waiting(before);
+    if (error != 0 && error != EAGAIN && error != EINTR && error != ETIMEDOUT) broken("futex wait", error);
+    return error == ETIMEDOUT && deadline != caller_deadline ? EAGAIN : error;
 }
 
 void futex_wake(uint32_t *word, int count) {

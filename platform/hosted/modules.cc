@@ -17,9 +17,9 @@
 // such a thread tells the stop of its end while it is still on its way out.
 
 #include <dlfcn.h>
-#include <pthread.h>
 #include <zarn/module.h>
 
+#include <climits>
 #include <cstdio>
 #include <cstdlib>
 #include <cstring>
@@ -28,7 +28,7 @@
 
 namespace {
 
-constexpr size_t kLongestPath = 128;  // with its end
+constexpr size_t kLongestPath = sizeof(hosted_module_info::path);
 constexpr size_t kLongestFile = 4096 + kLongestPath + 8;
 constexpr int64_t kThreadPatience = 10000000;  // usec
 
@@ -52,17 +52,19 @@ struct waiting_thread {
     waiting_thread *next;
 };
 
-pthread_mutex_t gLoader = PTHREAD_MUTEX_INITIALIZER;
-pthread_cond_t gWorkDone = PTHREAD_COND_INITIALIZER;
+hosted::lock gLoader;
 // Under gLoader.
 loaded_module *gFirst;
 waiting_thread *gWaiting;
+uint32_t gWorkDone;  // atomic for those who sleep on it; changes whenever work on a module is done
 
 void take_loader() {
-    hosted::must(pthread_mutex_lock(&gLoader), "pthread_mutex_lock");
+    hosted::enter_section();
+    gLoader.take();
 }
 void give_loader() {
-    hosted::must(pthread_mutex_unlock(&gLoader), "pthread_mutex_unlock");
+    gLoader.give();
+    hosted::leave_section();
 }
 
 loaded_module **find_locked(const char *path) {
@@ -87,8 +89,12 @@ bool would_wait_for_itself_locked(const loaded_module *module, int32_t self) {
 void wait_for_work_locked(const loaded_module *module, int32_t self) {
     waiting_thread waits = {self, module, gWaiting};
     gWaiting = &waits;
-    while (waits.module)
-        hosted::must(pthread_cond_wait(&gWorkDone, &gLoader), "pthread_cond_wait");
+    while (waits.module) {
+        uint32_t done = gWorkDone;
+        give_loader();
+        hosted::futex_wait(&gWorkDone, done, KERN_TIMEOUT_FOREVER);
+        take_loader();
+    }
     waiting_thread **link = &gWaiting;
     while (*link != &waits)
         link = &(*link)->next;
@@ -175,9 +181,21 @@ void end_work(loaded_module *module, bool gone) {
             link = &(*link)->next;
         *link = module->next;
     }
-    hosted::must(pthread_cond_broadcast(&gWorkDone), "pthread_cond_broadcast");
+    __atomic_fetch_add(&gWorkDone, 1, __ATOMIC_RELAXED);
+    hosted::futex_wake(&gWorkDone, INT_MAX);
     give_loader();
     if (gone) free(module);
+}
+
+// Calls `visit` for every module in the list, under gLoader.
+template <typename visitor>
+int32_t for_each_module(visitor visit) {
+    int32_t found = 0;
+    take_loader();
+    for (const loaded_module *module = gFirst; module; module = module->next, found++)
+        visit(module, found);
+    give_loader();
+    return found;
 }
 
 }  // namespace
@@ -254,24 +272,33 @@ int32_t kern_module_release(const char *path) {
     return 0;
 }
 
+int32_t hosted_list_modules(hosted_module_info *table, int32_t capacity) {
+    return for_each_module([&](const loaded_module *module, int32_t index) {
+        if (index >= capacity) return;
+        hosted_module_info *info = &table[index];
+        *info = {"", module->references, module->owner};
+        hosted::copy_name(info->path, sizeof(info->path), module->path);
+    });
+}
+
 namespace hosted {
 
 void count_modules(hosted_counts *counts) {
-    take_loader();
-    for (loaded_module *module = gFirst; module; module = module->next) {
-        counts->modules++;
-        counts->module_references += module->references;
-    }
-    give_loader();
+    counts->modules += for_each_module(
+        [&](const loaded_module *module, int32_t) { counts->module_references += module->references; });
 }
 
 int32_t log_modules() {
-    int32_t found = 0;
-    take_loader();
-    for (loaded_module *module = gFirst; module; module = module->next, found++)
+    return for_each_module([](const loaded_module *module, int32_t) {
         kern_log("kernel: module \"%s\", %d references\n", module->path, module->references);
-    give_loader();
-    return found;
+    });
+}
+
+void visit_module_code(void (*visit)(void *context, const void *code), void *context) {
+    for_each_module([&](const loaded_module *module, int32_t) {
+        // The owner writes the rest of an entry.
+        if (module->owner == 0) visit(context, reinterpret_cast<const void *>(module->record->std_ops));
+    });
 }
 
 }  // namespace hosted

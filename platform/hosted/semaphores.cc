@@ -84,6 +84,7 @@ struct alignas(64) semaphore {
     int32_t team;
     uint32_t next_free;
     char name[32];
+    int32_t holder;  // atomic; see note_acquired
 };
 
 hosted::lock gTable;
@@ -165,6 +166,18 @@ void leave_line(semaphore *s, waiter *w) {
     (w->next ? w->next->previous : s->tail) = w->previous;
     w->in_line = false;
     s->line_length--;
+}
+
+// For listings, who holds a semaphore that serves as a lock: the thread that took units last, until it gives some
+// back. It takes its name off before it releases, so it can't wipe out that of the next one, which writes its own
+// behind the acquire that this release serves.
+void note_acquired(semaphore *s) {
+    __atomic_store_n(&s->holder, hosted::known_thread_id(), __ATOMIC_RELAXED);
+}
+
+void note_release(semaphore *s) {
+    int32_t holder = __atomic_load_n(&s->holder, __ATOMIC_RELAXED);
+    if (holder != 0 && holder == hosted::known_thread_id()) __atomic_store_n(&s->holder, 0, __ATOMIC_RELAXED);
 }
 
 // Takes the waiters that `*units` can serve out of the line, strictly from its head, and returns them linked
@@ -304,7 +317,9 @@ int32_t acquire_contended(semaphore *s, int32_t sem, int32_t units, uint32_t fla
     if (refused == KERN_ERR_NOT_ALLOWED) hosted::complain("acquire: semaphore %d at interrupt level", sem);
     if (refused != 0) return refused;
 
+    hosted::note_wait(sem);
     int32_t status = wait_in_line(s, identity, &self, flags, deadline);
+    hosted::note_wait(0);
     hosted::set_poke(nullptr);
     return status;
 }
@@ -382,6 +397,7 @@ int32_t kern_sem_create(int32_t count, const char *name) {
     semaphore *s = &gChunks[index / kChunk][index % kChunk];
     hosted::copy_name(s->name, sizeof(s->name), name ? name : "unnamed semaphore");
     s->team = kHostTeam;
+    __atomic_store_n(&s->holder, 0, __ATOMIC_RELAXED);
     uint32_t generation =
         static_cast<uint32_t>(__atomic_load_n(&s->state, __ATOMIC_RELAXED) >> kGenerationShift);
     generation = (generation & kLastGeneration) + 1;
@@ -430,9 +446,13 @@ int32_t kern_sem_acquire_ex(int32_t sem, int32_t units, uint32_t flags, int64_t 
     while ((state & (kIdentity | kWaiting | kLocked)) == identity &&
            units_of(state) >= static_cast<uint32_t>(units))
         if (__atomic_compare_exchange_n(&s->state, &state, state - static_cast<uint32_t>(units), true,
-                                        __ATOMIC_ACQUIRE, __ATOMIC_RELAXED))
+                                        __ATOMIC_ACQUIRE, __ATOMIC_RELAXED)) {
+            note_acquired(s);
             return 0;
-    return acquire_contended(s, sem, units, flags, timeout);
+        }
+    int32_t status = acquire_contended(s, sem, units, flags, timeout);
+    if (status == 0) note_acquired(s);
+    return status;
 }
 
 int32_t kern_sem_release(int32_t sem) {
@@ -445,6 +465,7 @@ int32_t kern_sem_release_ex(int32_t sem, int32_t units, uint32_t) {
     semaphore *s = find_slot(sem);
     if (!s) return dead_semaphore("release", sem, true);
     uint64_t identity = identity_of(sem);
+    note_release(s);
     uint64_t state = __atomic_load_n(&s->state, __ATOMIC_RELAXED);
     while ((state & (kIdentity | kWaiting | kLocked)) == identity) {
         if (units_of(state) > static_cast<uint32_t>(INT32_MAX - units)) return KERN_ERR_BAD_VALUE;
@@ -471,7 +492,9 @@ int32_t hosted_list_semaphores(hosted_semaphore_info *table, int32_t capacity) {
     for_each_semaphore([&](int32_t id, uint64_t state, semaphore *s) {
         if (found++ >= capacity) return;
         hosted_semaphore_info *info = &table[found - 1];
-        *info = {id, "", s->team, static_cast<int32_t>(units_of(state)), 0};
+        *info = {id,      "",
+                 s->team, static_cast<int32_t>(units_of(state)),
+                 0,       __atomic_load_n(&s->holder, __ATOMIC_RELAXED)};
         hosted::copy_name(info->name, sizeof(info->name), s->name);
     });
     for (int32_t i = 0; i < found && i < capacity; i++) {

@@ -39,7 +39,9 @@ struct thread_record {
     uintptr_t image;  // where the function of a spawned thread lies
     bool spawned;
     char name[64];
-    uint32_t go;  // atomic: 0 until the thread is resumed
+    uint32_t go;        // atomic: 0 until the thread is resumed
+    int32_t waits_for;  // atomic: hosted::note_wait
+    hosted::stop_place stop;
     // Under gThreads.
     thread_record *previous;
     thread_record *next;
@@ -85,6 +87,7 @@ void leave_list(thread_record *record) {
         (record->previous ? record->previous->next : gFirst) = record->next;
         if (record->next) record->next->previous = record->previous;
         record->id = 0;
+        hosted::stop_no_more(&record->stop);
         spawned = record->spawned;
         if (spawned) gSpawned--;
     }
@@ -106,6 +109,7 @@ void make_exit_key() {
 void join_list(const char *name, int32_t priority, uintptr_t image, bool spawned) {
     hosted::must(pthread_once(&gExitOnce, make_exit_key), "pthread_once");
     thread_record *record = &tRecord;
+    bool may_stop = hosted::at_open_thread_level(), stopped;
     {
         hosted::guard held(gThreads);
         record->priority = priority;
@@ -123,8 +127,10 @@ void join_list(const char *name, int32_t priority, uintptr_t image, bool spawned
         if (gFirst) gFirst->previous = record;
         gFirst = record;
         if (spawned) gSpawned++;
+        stopped = may_stop && hosted::stop_at_birth(&record->stop);
     }
     hosted::must(pthread_setspecific(gExitKey, record), "pthread_setspecific");
+    if (stopped) hosted::stand_still(&record->stop);
 }
 
 void ask_for_priority(int32_t priority, const char *name) {
@@ -287,7 +293,15 @@ int32_t hosted_list_threads(hosted_thread_info *table, int32_t capacity) {
         if (found >= capacity) continue;
         hosted_thread_info *info = &table[found];
         bool suspended = __atomic_load_n(&record->go, __ATOMIC_RELAXED) == 0;
-        *info = {record->id, "", record->priority, record->spawned, suspended};
+        int32_t waits_for = __atomic_load_n(&record->waits_for, __ATOMIC_RELAXED);
+        *info = {record->id,
+                 "",
+                 record->priority,
+                 record->spawned,
+                 suspended,
+                 waits_for > 0 ? waits_for : 0,
+                 waits_for == hosted::kSleeps,
+                 hosted::stands_still(&record->stop)};
         hosted::copy_name(info->name, sizeof(info->name), record->name);
     }
     return found;
@@ -306,6 +320,24 @@ uintptr_t image_of(const void *address) {
 
 bool wait_for_threads_of(uintptr_t image, int64_t timeout) {
     return image == 0 || wait_for_ends(image, 0, timeout);
+}
+
+void visit_other_threads(void (*visit)(void *context, pid_t host_id, stop_place *place), void *context) {
+    guard held(gThreads);
+    for (thread_record *record = gFirst; record; record = record->next)
+        if (record != &tRecord) visit(context, record->host_id, &record->stop);
+}
+
+stop_place *own_stop_place() {
+    return &tRecord.stop;
+}
+
+void note_wait(int32_t waits_for) {
+    __atomic_store_n(&tRecord.waits_for, waits_for, __ATOMIC_RELAXED);
+}
+
+int32_t known_thread_id() {
+    return tRecord.id;
 }
 
 const char *thread_name() {

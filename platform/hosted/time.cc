@@ -21,6 +21,7 @@ int32_t kern_sleep_us(int64_t microseconds) {
     if (microseconds <= 0) return 0;
     int64_t until;
     if (__builtin_add_overflow(kern_time_us(), microseconds, &until)) until = KERN_TIMEOUT_FOREVER;
+    hosted::note_wait(hosted::kSleeps);
     // In pieces that any width of timespec holds. Signals and interrupts don't shorten the sleep.
     for (int64_t left; (left = until - kern_time_us()) > 0;) {
         if (left > 1000000000000) left = 1000000000000;
@@ -28,5 +29,6 @@ int32_t kern_sleep_us(int64_t microseconds) {
         int error = clock_nanosleep(CLOCK_MONOTONIC, 0, &piece, nullptr);
         if (error != 0 && error != EINTR) hosted::broken("sleeping", error);
     }
+    hosted::note_wait(0);
     return 0;
 }
