@@ -72,30 +72,6 @@ void **find_malloc_slot(const link_map *map) {
     return slot;
 }
 
-std::array<pool_state, kPools> look_at_pools(const zarn_util_module_t *util) {
-    std::array<pool_state, kPools> states;
-    std::vector<void *> taken;
-    for (int i = 0; i < kPools; i++) {
-        states[i] = kPoolShapes[i];
-        states[i].fall_backs = __atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED);
-        uint64_t before = states[i].fall_backs;
-        // The request that goes to the heap is the first one that finds the pool dry.
-        states[i].out = states[i].blocks;
-        while (true) {
-            void *block = util->zarn_falloc(states[i].block_size);
-            if (block == nullptr) break;
-            taken.push_back(block);
-            if (__atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED) != before) break;
-            states[i].out--;
-        }
-        __atomic_store_n(&gFallBacks[i], before, __ATOMIC_RELAXED);
-        for (void *block : taken)
-            util->zarn_free(block);
-        taken.clear();
-    }
-    return states;
-}
-
 bool all_blocks_in(const std::array<pool_state, kPools> &states) {
     for (const pool_state &state : states) {
         if (state.out != 0) return false;
@@ -127,16 +103,40 @@ uint64_t heap_calls_at_interrupt_level() {
     return __atomic_load_n(&gCallsAtInterruptLevel, __ATOMIC_RELAXED);
 }
 
+std::array<pool_state, kPools> peek_pools(const zarn_util_module_t *util) {
+    std::array<pool_state, kPools> states;
+    std::vector<void *> taken;
+    for (int i = 0; i < kPools; i++) {
+        states[i] = kPoolShapes[i];
+        states[i].fall_backs = __atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED);
+        uint64_t before = states[i].fall_backs;
+        // The request that goes to the heap is the first one that finds the pool dry.
+        states[i].out = states[i].blocks;
+        while (true) {
+            void *block = util->zarn_falloc(states[i].block_size);
+            if (block == nullptr) break;
+            taken.push_back(block);
+            if (__atomic_load_n(&gFallBacks[i], __ATOMIC_RELAXED) != before) break;
+            states[i].out--;
+        }
+        __atomic_store_n(&gFallBacks[i], before, __ATOMIC_RELAXED);
+        for (void *block : taken)
+            util->zarn_free(block);
+        taken.clear();
+    }
+    return states;
+}
+
 std::array<pool_state, kPools> measure_pools(const zarn_util_module_t *util) {
     constexpr int kRounds = 200;
-    std::array<pool_state, kPools> states = look_at_pools(util);
+    std::array<pool_state, kPools> states = peek_pools(util);
     for (int round = 0; round < kRounds && !all_blocks_in(states); round++) {
         // More than wait without waking the purgatory's thread, so that they take along what waits there.
         for (int i = 0; i < 2 * kPurgatoryWaits; i++) {
             if (zarn_data_t *data = util->new_zarn_data()) util->isafe_delete_zarn_data(data);
         }
         kern_sleep_us(5'000);
-        states = look_at_pools(util);
+        states = peek_pools(util);
     }
     return states;
 }

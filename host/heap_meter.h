@@ -33,7 +33,9 @@ int32_t install_heap_meter(const zarn_util_module_t *util);
 uint64_t heap_calls_at_interrupt_level();
 
 // The state of the module's three pools. What is out is found by taking every block that is left and giving
-// it back, so nothing else may use the module meanwhile.
+// it back, so nothing else may use the module meanwhile. The second one waits for blocks that are on their
+// way back: at most a second, and not at all once all are there.
+std::array<pool_state, kPools> peek_pools(const zarn_util_module_t *util);
 std::array<pool_state, kPools> measure_pools(const zarn_util_module_t *util);
 
 #endif

@@ -13,6 +13,7 @@
 
 #include "host/capture_reader.h"
 #include "host/connections.h"
+#include "host/debugger.h"
 #include "host/exit_codes.h"
 #include "host/heap_meter.h"
 #include "host/pipeline.h"
@@ -40,6 +41,7 @@ constexpr char kUsage[] =
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
     "  --dma          wire and map each frame as for hardware, and check that the map is the frame's\n"
     "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n" RUN_LOG_HELP
+        DEBUGGER_HELP
     "  --help         this text\n"
     "\n"
     "A file's status is ok, cut (it ends inside a record), damaged (it holds a record that cannot be),\n"
@@ -59,6 +61,7 @@ struct replay_options {
     uint64_t repeat = 1;
     uint64_t backlog = kDefaultBacklog;
     bool interrupts = false;
+    debugger_options debugger;
     std::vector<const char *> files;
 };
 
@@ -89,6 +92,8 @@ int parse_options(int argc, char **argv, replay_options *options) {
         kInterrupt,
         kDma,
         kLog,
+        kDebug,
+        kCommand,
         kHelp
     };
     static const option kOptions[] = {
@@ -103,6 +108,8 @@ int parse_options(int argc, char **argv, replay_options *options) {
         {"interrupt", no_argument, nullptr, kInterrupt},
         {"dma", no_argument, nullptr, kDma},
         {"log", no_argument, nullptr, kLog},
+        {"debug", no_argument, nullptr, kDebug},
+        {"command", required_argument, nullptr, kCommand},
         {"help", no_argument, nullptr, kHelp},
         {},
     };
@@ -146,6 +153,13 @@ int parse_options(int argc, char **argv, replay_options *options) {
             case kLog:
                 options->run.log = true;
                 break;
+            case kDebug:
+                options->debugger.enter = true;
+                break;
+            case kCommand:
+                if (optarg[strspn(optarg, " \t\n")] == '\0') return usage_error("--command needs a command");
+                options->debugger.commands.push_back(optarg);
+                break;
             case kHelp:
             case 'h':
                 fputs(kUsage, stdout);
@@ -161,6 +175,8 @@ int parse_options(int argc, char **argv, replay_options *options) {
         options->files.push_back(argv[i]);
         if (strcmp(argv[i], "-") == 0 && options->repeat > 1)
             return usage_error("the standard input can't be read more than once");
+        if (strcmp(argv[i], "-") == 0 && options->debugger.enter)
+            return usage_error("the standard input can't be both a capture and the debugger's");
     }
     if (options->files.empty()) return usage_error("no file named");
     return -1;
@@ -285,6 +301,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
         return kExitInput;
     }
     accept_stop_signals();
+    enter_debugger(options.debugger);
 
     int code = kExitOk;
     uint64_t unloadable = 0, wrong_maps = 0;
@@ -306,6 +323,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     }
     std::array<pool_state, kPools> pools = measure_pools(stack->util);
     print_report_end(options.style, pools);
+    if (int known = run_debug_commands(options.debugger); code == kExitOk) code = known;
     if (!pools_are_full(pools)) code = kExitFault;
     if (wrong_maps != 0) {
         fprintf(stderr, "zarn: %" PRIu64 " buffers were not mapped for hardware as they are\n", wrong_maps);
@@ -335,7 +353,11 @@ int run_replay(int argc, char **argv) {
     protocol_stack stack;
     if (!load_protocol_stack(&stack)) return kExitModule;
     if (install_heap_meter(stack.util) == 0) {
-        code = replay_files(options, &stack);
+        code = kExitInput;
+        if (start_debugger(stack.util, options.debugger) == 0) {
+            code = replay_files(options, &stack);
+            stop_debugger();
+        }
     } else {
         fprintf(stderr, "zarn: the heap calls of the module can't be counted\n");
         code = kExitModule;

@@ -139,7 +139,8 @@ int32_t hosted_run_debug_command(const char *line, void (*output)(void *context,
     if (function) {
         output_sink sink = {output, context};
         const output_sink *before = tOutput;
-        // A command may run another one. And one that was stopped half-way must not keep the debugger waiting.
+        // A command may run another one. And one that was stopped half-way must not keep the debugger
+        // waiting.
         bool takes_turn = !before && !hosted::others_are_stopped();
         if (takes_turn) gRunning.take();
         tOutput = &sink;

@@ -65,18 +65,18 @@ int32_t hosted_run_debug_command(const char *line, void (*output)(void *context,
 void hosted_list_debug_commands(void (*visit)(void *context, const char *name, const char *help),
                                 void *context);
 
-// What kern_debug_enter does when it has logged its message: it stops all other threads for as long as `entered`
-// runs, on the calling thread; null (as at first) comes back at once. `running` threads could not be stopped.
-// Threads that enter at the same time take turns. At interrupt level, inside a critical section, and while the
-// caller is in the debugger already, there is the line in the log and no more.
+// What kern_debug_enter does when it has logged its message: it stops all other threads for as long as
+// `entered` runs, on the calling thread; null (as at first) comes back at once. `running` threads could not
+// be stopped. Threads that enter at the same time take turns. At interrupt level, inside a critical section,
+// and while the caller is in the debugger already, there is the line in the log and no more.
 void hosted_set_debug_entry(void (*entered)(const char *message, int32_t running));
 
-// Stops every other thread that the kernel knows: those of kern_thread_spawn and those that have asked for their
-// id. A thread stops where it holds no lock of this kernel or of the C library, so the caller may go on using
-// both; locks that are made of semaphores stay as they are. Threads that come meanwhile stop, too. Time goes on:
-// timeouts run out and timers fall due, and that shows as soon as the threads go on.
-// Waits for another thread that has stopped the others, and then `patience` usec at most for threads to come to
-// such a place. Returns how many have not; they go on running. KERN_ERR_NOT_ALLOWED at interrupt level, inside a
+// Stops every other thread that the kernel knows: those of kern_thread_spawn and those that have asked for
+// their id. A thread stops where it holds no lock of this kernel or of the C library, so the caller may go on
+// using both; locks that are made of semaphores stay as they are. Threads that come meanwhile stop, too. Time
+// goes on: timeouts run out and timers fall due, and that shows as soon as the threads go on. Waits for
+// another thread that has stopped the others, and then `patience` usec at most for threads to come to such a
+// place. Returns how many have not; they go on running. KERN_ERR_NOT_ALLOWED at interrupt level, inside a
 // critical section, and when the caller has stopped the others already.
 int32_t hosted_stop_threads(int64_t patience);
 

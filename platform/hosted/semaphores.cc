@@ -54,8 +54,9 @@ static_assert((kContended & kUnits) == 0 && kContended != 0);
 
 constexpr int kLockSpins = 100;
 
-// How often a waiter looks for its unit before it sleeps, on more than one processor. These looks take about as long as
-// the sleep and the wake-up that they spare when the unit comes meanwhile, as it does under a contended lock.
+// How often a waiter looks for its unit before it sleeps, on more than one processor. These looks take about
+// as long as the sleep and the wake-up that they spare when the unit comes meanwhile, as it does under a
+// contended lock.
 constexpr int kWaitSpins = 200;
 
 // The words that a waiter sleeps on. Values from kVerdict on are final.
@@ -168,9 +169,9 @@ void leave_line(semaphore *s, waiter *w) {
     s->line_length--;
 }
 
-// For listings, who holds a semaphore that serves as a lock: the thread that took units last, until it gives some
-// back. It takes its name off before it releases, so it can't wipe out that of the next one, which writes its own
-// behind the acquire that this release serves.
+// For listings, who holds a semaphore that serves as a lock: the thread that took units last, until it gives
+// some back. It takes its name off before it releases, so it can't wipe out that of the next one, which
+// writes its own behind the acquire that this release serves.
 void note_acquired(semaphore *s) {
     __atomic_store_n(&s->holder, hosted::known_thread_id(), __ATOMIC_RELAXED);
 }

@@ -2,18 +2,19 @@
 //
 // Stopping all other threads, for the debugger.
 //
-// Whoever has stopped the others goes on using the heap, stdio and the kernel's tables, so a thread that stood
-// still with a lock of these would hang it. Hence a thread stops only where it holds none:
+// Whoever has stopped the others goes on using the heap, stdio and the kernel's tables, so a thread that
+// stood still with a lock of these would hang it. Hence a thread stops only where it holds none:
 //
 // - Outside of critical sections, because the kernel's own locks are held inside of these only; and at thread
 //   level, because an interrupt may have met anything.
-// - At an instruction of the program or of a module. Locks of the C library and of other libraries are held only
-//   while such a library runs. Their functions call back with no lock of the heap or of stdio.
-// - Or in a wait of the kernel's own; and in a system call that waits for input or for time, where the one lock
-//   that a library may hold is that of the stream that is read. These are the places where threads stay for long.
+// - At an instruction of the program or of a module. Locks of the C library and of other libraries are held
+//   only while such a library runs. Their functions call back with no lock of the heap or of stdio.
+// - Or in a wait of the kernel's own; and in a system call that waits for input or for time, where the one
+//   lock that a library may hold is that of the stream that is read. These are the places where threads stay
+//   for long.
 //
-// A thread that is met elsewhere goes on and is asked again a moment later, until patience runs out. Then it is
-// left running, which does no harm: it gives its locks back. So nothing costs anything while nobody stops.
+// A thread that is met elsewhere goes on and is asked again a moment later, until patience runs out. Then it
+// is left running, which does no harm: it gives its locks back. So nothing costs anything while nobody stops.
 //
 //              asks, with a signal        its handler
 //     kGoes ----------------------> kAsked ---------> kStands     the thread sleeps in the handler
@@ -21,9 +22,9 @@
 //       +---- not in a section -------+                  |
 //       +---- not at this instruction, or: go on --------+        by the one that stops
 //
-// Every change is a compare-exchange or a store under the list's lock. What a thread wrote before it stands still
-// is seen by the one that stops: kStands is stored with release order and loaded with acquire order, and so is
-// kGoes on the way back.
+// Every change is a compare-exchange or a store under the list's lock. What a thread wrote before it stands
+// still is seen by the one that stops: kStands is stored with release order and loaded with acquire order,
+// and so is kGoes on the way back.
 
 #include <errno.h>
 #include <link.h>
@@ -56,8 +57,9 @@ struct code_range {
 };
 
 hosted::lock gTurn;  // held by the thread that has stopped the others
-// Atomic: its id, 0 for none. Set before it asks the first time, and cleared before it lets all go: both take the
-// list's lock, as does a thread that joins the list. So that thread is either met there or finds what is set here.
+// Atomic: its id, 0 for none. Set before it asks the first time, and cleared before it lets all go: both take
+// the list's lock, as does a thread that joins the list. So that thread is either met there or finds what is
+// set here.
 int32_t gStopper;
 // Under gTurn: the code of the program and of the modules.
 code_range gImages[kMostImages];
@@ -67,8 +69,8 @@ pthread_once_t gHandlerOnce = PTHREAD_ONCE_INIT;
 
 thread_local volatile bool tWaiting;
 
-// Whether the context stands at a system call that waits for input, or behind one that the signal has cut short, as
-// it does those that wait for time. Who waits for a lock or to write stands at another.
+// Whether the context stands at a system call that waits for input, or behind one that the signal has cut
+// short, as it does those that wait for time. Who waits for a lock or to write stands at another.
 bool waits_outside(const ucontext_t *context) {
     auto is_call = [](uintptr_t address) {
         const auto *code = reinterpret_cast<const unsigned char *>(address);
@@ -95,7 +97,8 @@ void on_stop(int, siginfo_t *, void *context) {
         auto *found = static_cast<const ucontext_t *>(context);
         place->at = static_cast<uintptr_t>(found->uc_mcontext.gregs[kInstructionRegister]);
         place->waits = tWaiting || waits_outside(found);
-        // Interrupts that come meanwhile run behind the stop. Other signals run at once: the program can be ended.
+        // Interrupts that come meanwhile run behind the stop. Other signals run at once: the program can be
+        // ended.
         hosted::section masked;
         if (change(place, kAsked, kStands)) hosted::stand_still(place);
     }
@@ -105,7 +108,8 @@ void on_stop(int, siginfo_t *, void *context) {
 void install_handler() {
     struct sigaction action = {};
     action.sa_sigaction = on_stop;
-    action.sa_flags = SA_SIGINFO | SA_RESTART;
+    // Under the thread sanitizer a sleeping thread gets its signals only when the system call comes back.
+    action.sa_flags = SA_SIGINFO | (hosted::kThreadSanitizer ? 0 : SA_RESTART);
     sigemptyset(&action.sa_mask);
     hosted::must(sigaction(hosted::stop_signal(), &action, nullptr) == 0 ? 0 : errno,
                  "installing the stop signal");
@@ -128,8 +132,8 @@ int measure_images(dl_phdr_info *info, size_t, void *) {
     return 0;
 }
 
-// Whether a thread that stands still may do so there. The thread sanitizer calls handlers behind a function of a
-// library or in one that blocks, never in between.
+// Whether a thread that stands still may do so there. The thread sanitizer calls handlers behind a function
+// of a library or in one that blocks, never in between.
 bool is_fit(const hosted::stop_place *place) {
     return hosted::kThreadSanitizer || place->waits ||
            std::any_of(gImages, gImages + gImageCount, [=](const code_range &image) {
