@@ -26,6 +26,7 @@ constexpr pool_state kPoolShapes[kPools] = {
 // So many buffers may wait for deletion without waking the thread that does it.
 constexpr int kPurgatoryWaits = 8;
 
+size_t gUncounted;  // constant while the meter is in
 // Atomic
 uint64_t gFallBacks[kPools];
 uint64_t gCalls;
@@ -34,7 +35,7 @@ uint64_t gCallsAtInterruptLevel;
 void *metered_malloc(size_t size) {
     __atomic_fetch_add(&gCalls, 1, __ATOMIC_RELAXED);
     if (hosted_at_interrupt_level()) __atomic_fetch_add(&gCallsAtInterruptLevel, 1, __ATOMIC_RELAXED);
-    for (int i = 0; i < kPools; i++) {
+    for (int i = 0; i < kPools && size != gUncounted; i++) {
         if (size > kPoolShapes[i].block_size) continue;
         __atomic_fetch_add(&gFallBacks[i], 1, __ATOMIC_RELAXED);
         break;
@@ -81,7 +82,8 @@ bool all_blocks_in(const std::array<pool_state, kPools> &states) {
 
 }  // namespace
 
-int32_t install_heap_meter(const zarn_util_module_t *util) {
+int32_t install_heap_meter(const zarn_util_module_t *util, size_t uncounted) {
+    gUncounted = uncounted;
     Dl_info info;
     link_map *map = nullptr;
     if (dladdr1(util, &info, reinterpret_cast<void **>(&map), RTLD_DL_LINKMAP) == 0 || map == nullptr)

@@ -13,6 +13,7 @@
 #include <zarn/zarn_util.h>
 
 #include <array>
+#include <cstddef>
 #include <cstdint>
 
 enum pool_index { kSmallPool, kMediumPool, kLargePool, kPools };
@@ -25,9 +26,10 @@ struct pool_state {
     uint64_t fall_backs;  // requests of this size that went to the heap since the module was loaded
 };
 
-// Puts the meter into the module that the record belongs to; it goes with the module's mapping. Returns 0, or
-// -1 when the module calls no `malloc` that could be counted.
-int32_t install_heap_meter(const zarn_util_module_t *util);
+// Puts the meter into the module that the record belongs to; it goes with the module's mapping. Requests of
+// `uncounted` bytes, which its profiler makes for its records, are no fall-backs. Returns 0, or -1 when the
+// module calls no `malloc` that could be counted.
+int32_t install_heap_meter(const zarn_util_module_t *util, size_t uncounted = 0);
 
 // How often the module went to the heap at interrupt level, where it must not.
 uint64_t heap_calls_at_interrupt_level();

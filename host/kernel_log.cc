@@ -9,9 +9,9 @@
 namespace {
 
 // Parts of lines that tell of an ordinary start.
-constexpr const char *kRoutine[] = {"zarn_timers : wheel Size", "runs without its real-time priority",
-                                    "found sections - in = ", "zarn_util: loading stack ",
-                                    "zarn_util: free_family_cache(): unloading"};
+constexpr const char *kRoutine[] = {
+    "zarn_timers : wheel Size",  "runs without its real-time priority",       "found sections - in = ",
+    "zarn_util: loading stack ", "zarn_util: free_family_cache(): unloading", "initializing profiler"};
 
 void print_line(void *, const char *text) {
     for (const char *part : kRoutine)

@@ -152,6 +152,7 @@ int32_t receive_at_thread_level(frame_pipeline *pipeline, const captured_frame *
     zarn_util_module_t *util = pipeline->stack->util;
     zarn_data_t *data;
     int32_t status = attempt_with_room(&pipeline->wire_room, wait, [&] {
+        profile_bracket bracket(pipeline->stack, "zarn", "receive");
         return wrap_frame(&pipeline->slots, frame, wrap_level::kThread, &data);
     });
     if (status != 0) return status;

@@ -34,6 +34,7 @@ struct protocol_counts {
 struct protocol_stack {
     zarn_util_module_t *util;
     const sample_protocol_module *ethernet;
+    bool profile;  // what is done with a frame is measured by the profiler
     void *notify;  // kept, so that it doesn't come and go with every notification
     std::vector<const sample_protocol_module *> attached;  // to a device, lower ones first
 };
@@ -45,8 +46,26 @@ bool load_protocol_stack(protocol_stack *stack);
 // Releases what was loaded. False, with a line on stderr, when a module could not be released.
 bool unload_protocol_stack(protocol_stack *stack);
 
+// A bracket of the profiler around the scope that it stands in, if the stack is measured. Thread level.
+class profile_bracket {
+ public:
+    profile_bracket(const protocol_stack *stack, const char *prefix, const char *suffix)
+        : util_(stack->profile ? stack->util : nullptr), prefix_(prefix), suffix_(suffix) {
+        if (util_ != nullptr) util_->_enter_prof_func(prefix_, suffix_, PROF_RECORD);
+    }
+    ~profile_bracket() {
+        if (util_ != nullptr) util_->_exit_prof_func(prefix_, suffix_, PROF_RECORD);
+    }
+    profile_bracket(const profile_bracket &) = delete;
+
+ private:
+    const zarn_util_module_t *util_;
+    const char *prefix_, *suffix_;
+};
+
 // Hands the frame to the lowest protocol, which owns it from here.
 inline void receive_frame(const protocol_stack *stack, zarn_data_t *data) {
+    profile_bracket bracket(stack, stack->ethernet->protocol.head.name, "receive");
     stack->ethernet->receive(data, nullptr);
 }
 

@@ -11,6 +11,7 @@
 #include <string>
 #include <vector>
 
+#include "diagnostics/profiler.h"
 #include "host/capture_reader.h"
 #include "host/connections.h"
 #include "host/debugger.h"
@@ -22,6 +23,8 @@
 #include "host/report.h"
 #include "host/run.h"
 #include "host/stop_signals.h"
+#include "platform/hosted/hosted_kernel.h"
+#include "platform/hosted/settings.h"
 #include "platform/kern.h"
 
 namespace {
@@ -40,7 +43,9 @@ constexpr char kUsage[] =
     "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
     "  --dma          wire and map each frame as for hardware, and check that the map is the frame's\n"
-    "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n" RUN_LOG_HELP
+    "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n"
+    "  --profile      measure the reception, the checksums and each protocol, and print the times behind\n"
+    "                 the report (stderr with --tsv and --json); nothing at interrupt level\n" RUN_LOG_HELP
         DEBUGGER_HELP
     "  --help         this text\n"
     "\n"
@@ -62,6 +67,7 @@ struct replay_options {
     uint64_t backlog = kDefaultBacklog;
     bool interrupts = false;
     debugger_options debugger;
+    bool profile = false;
     std::vector<const char *> files;
 };
 
@@ -91,6 +97,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
         kDrop,
         kInterrupt,
         kDma,
+        kProfile,
         kLog,
         kDebug,
         kCommand,
@@ -107,6 +114,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
         {"drop", no_argument, nullptr, kDrop},
         {"interrupt", no_argument, nullptr, kInterrupt},
         {"dma", no_argument, nullptr, kDma},
+        {"profile", no_argument, nullptr, kProfile},
         {"log", no_argument, nullptr, kLog},
         {"debug", no_argument, nullptr, kDebug},
         {"command", required_argument, nullptr, kCommand},
@@ -149,6 +157,9 @@ int parse_options(int argc, char **argv, replay_options *options) {
                 break;
             case kDma:
                 options->style.dma = true;
+                break;
+            case kProfile:
+                options->profile = true;
                 break;
             case kLog:
                 options->run.log = true;
@@ -291,6 +302,14 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
 
+// Prints what the profiler has measured, with the machine as good as stopped: no frame is on its way.
+void print_profile(FILE *to) {
+    std::string text;
+    const auto append = [](void *all, const char *part) { *static_cast<std::string *>(all) += part; };
+    hosted_run_debug_command("prof_real", append, &text);
+    if (!text.empty()) fprintf(to, "\nprofile, usec, each with what runs inside of it:\n%s", text.c_str());
+}
+
 // Replays the files. Returns an exit code.
 int replay_files(const replay_options &options, const protocol_stack *stack) {
     endpoint_client client;
@@ -323,6 +342,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     }
     std::array<pool_state, kPools> pools = measure_pools(stack->util);
     print_report_end(options.style, pools);
+    if (options.profile) print_profile(options.style.format == report_format::kTable ? stdout : stderr);
     if (int known = run_debug_commands(options.debugger); code == kExitOk) code = known;
     if (!pools_are_full(pools)) code = kExitFault;
     if (wrong_maps != 0) {
@@ -350,9 +370,11 @@ int run_replay(int argc, char **argv) {
 
     code = prepare_run(options.run, "replay");
     if (code != kExitOk) return code;
+    if (options.profile) hosted_force_setting("profile", "yes");
     protocol_stack stack;
     if (!load_protocol_stack(&stack)) return kExitModule;
-    if (install_heap_meter(stack.util) == 0) {
+    stack.profile = options.profile;
+    if (install_heap_meter(stack.util, options.profile ? sizeof(profiler_record) : 0) == 0) {
         code = kExitInput;
         if (start_debugger(stack.util, options.debugger) == 0) {
             code = replay_files(options, &stack);

@@ -87,7 +87,7 @@ static void receive(zarn_data_t *data, const sample_network_header *network) {
         return;
     }
     strip_header(data, length);
-    upper->receive(data, NULL);
+    hand_up(upper, data, NULL);
 }
 
 static void send_packet(zarn_data_t *data, const sample_destination *to) {

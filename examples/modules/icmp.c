@@ -21,7 +21,7 @@ static uint32_t gSecond;    // which it is
 static sample_verdict check(zarn_data_t *data, const sample_network_header *network) {
     if (network == NULL || network->part == SAMPLE_PART) return kUnverified;
     if (data->length < kHeader || data->length < data->user_word_1) return kUnverified;
-    return gUtil->get_zarn_data_checksum(data, 0, data->length) == 0 ? kGood : kBad;
+    return sum_packet(data, data->length) == 0 ? kGood : kBad;
 }
 
 static void send_message(zarn_data_t *data, const sample_network_header *network) {
@@ -80,7 +80,7 @@ static void refuse(zarn_data_t *data, const sample_network_header *network, samp
     copy_bytes(header + kHeader, network->header, network->header_length);
     write32(header, kUnreachable << 24 | (uint32_t)why << 16);
     write32(header + 4, 0);
-    write_checksum(header + 2, gUtil->get_zarn_data_checksum(message, 0, message->length));
+    write_checksum(header + 2, sum_packet(message, message->length));
     send_message(message, network);
 }
 

@@ -169,7 +169,7 @@ static int32_t look_up(uint32_t protocol, void **table) {
 static void hand_on(zarn_data_t *data, const sample_network_header *network) {
     const sample_protocol_module *upper = find_upper(network->protocol, look_up);
     if (upper != NULL) {
-        upper->receive(data, network);
+        hand_up(upper, data, network);
         return;
     }
     if (network->part != SAMPLE_REJOINED) gCounts.unclaimed++;
@@ -245,7 +245,7 @@ static uint32_t check_header(zarn_data_t *data, uint32_t *total) {
         gCounts.unverified++;
         return 0;
     }
-    if (gUtil->get_zarn_data_checksum(data, 0, length) != 0) {
+    if (sum_packet(data, length) != 0) {
         gCounts.bad++;
         notify(SAMPLE_NOTIFY_BAD_CHECKSUM, 0, header + 12, header + 16);
         return 0;

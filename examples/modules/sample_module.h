@@ -25,14 +25,18 @@ typedef struct sample_upper {
 
 zarn_util_module_t *gUtil;
 sample_counts gCounts;
+uint8_t gProfiled;
 static sample_upper gUppers[SAMPLE_UPPERS];
 
 static void receive(zarn_data_t *data, const sample_network_header *network);
 
 static inline int32_t start_or_stop(int32_t op) {
+    int32_t status;
     switch (op) {
         case MODULE_START:
-            return kern_module_acquire(ZARN_UTIL_MODULE_NAME, (void **)&gUtil);
+            status = kern_module_acquire(ZARN_UTIL_MODULE_NAME, (void **)&gUtil);
+            if (status == 0) gProfiled = gUtil->get_config_bool("profile", 0);
+            return status;
         case MODULE_STOP:
             return kern_module_release(ZARN_UTIL_MODULE_NAME);
         default:

@@ -11,6 +11,23 @@
 // Each module's own, whatever others are loaded beside it.
 extern __attribute__((visibility("hidden"))) zarn_util_module_t *gUtil;
 extern __attribute__((visibility("hidden"))) sample_counts gCounts;
+extern __attribute__((visibility("hidden"))) uint8_t gProfiled;  // constant while the module is in service
+
+// Hands a packet to the protocol above, which owns it from here. The times of that protocol include those of
+// the protocols above it.
+static inline void hand_up(const sample_protocol_module *upper, zarn_data_t *data,
+                           const sample_network_header *network) {
+    if (gProfiled) gUtil->_enter_prof_func(upper->protocol.head.name, "receive", PROF_RECORD);
+    upper->receive(data, network);
+    if (gProfiled) gUtil->_exit_prof_func(upper->protocol.head.name, "receive", PROF_RECORD);
+}
+
+static inline uint32_t sum_packet(zarn_data_t *data, uint32_t length) {
+    if (gProfiled) gUtil->_enter_prof_func("zarn", "checksum", PROF_RECORD);
+    uint32_t sum = gUtil->get_zarn_data_checksum(data, 0, length);
+    if (gProfiled) gUtil->_exit_prof_func("zarn", "checksum", PROF_RECORD);
+    return sum;
+}
 
 static inline void count_arrival(const zarn_data_t *data) {
     gCounts.packets++;
@@ -90,8 +107,7 @@ static inline uint32_t transport_checksum(zarn_data_t *data, uint32_t length, co
     }
     pseudo[9] = protocol;
     write16(pseudo + 10, length);
-    return gUtil->get_zarn_checksum(pseudo, sizeof(pseudo),
-                                    (uint16_t)gUtil->get_zarn_data_checksum(data, 0, length));
+    return gUtil->get_zarn_checksum(pseudo, sizeof(pseudo), (uint16_t)sum_packet(data, length));
 }
 
 // Whether that is what a right checksum among these bytes gives.

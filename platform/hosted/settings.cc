@@ -30,6 +30,10 @@ char gRedirectedName[NAME_MAX + 1];
 char gRedirectedPath[PATH_MAX];
 open_settings *gOpenSettings;
 
+// Changed only while nobody reads settings; the name is null when there is none.
+const char *gForcedValue;
+settings_parameter gForced = {nullptr, 1, &gForcedValue, 0, nullptr};
+
 // Where `name` lies. False when that is longer than a path can be.
 bool find_settings_file(const char *name, char (&path)[PATH_MAX]) {
     char directory[PATH_MAX];
@@ -97,6 +101,7 @@ hosted::parsed_settings *load_file(const char *path) {
 
 const settings_parameter *find_flat_key(void *handle, const char *key) {
     const settings_tree *tree = kern_settings_tree(handle);
+    if (gForced.name != nullptr && key != nullptr && strcmp(gForced.name, key) == 0) return &gForced;
     for (int32_t i = 0; tree != nullptr && key != nullptr && i < tree->parameter_count; ++i) {
         if (strcmp(tree->parameters[i].name, key) == 0) {
             return tree->parameters[i].value_count <= 1 ? &tree->parameters[i] : nullptr;
@@ -116,6 +121,11 @@ int32_t hosted_set_settings_file(const char *name, const char *path) {
     strcpy(gRedirectedName, name);
     strcpy(gRedirectedPath, path == nullptr ? "" : path);
     return 0;
+}
+
+void hosted_force_setting(const char *key, const char *value) {
+    gForced.name = key;
+    gForcedValue = value;
 }
 
 int32_t hosted_count_settings() {

@@ -24,6 +24,10 @@
 // long.
 int32_t hosted_set_settings_file(const char *name, const char *path);
 
+// From now on the flat key `key` has this value, whatever a file says. One key can be forced so; a null `key`
+// ends it. The texts have to stay. Not while anybody reads settings.
+void hosted_force_setting(const char *key, const char *value);
+
 // How many loads have not been unloaded yet.
 int32_t hosted_count_settings();
 

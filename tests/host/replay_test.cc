@@ -24,7 +24,7 @@ const std::string kSamples = ZARN_SOURCE_DIR "/examples/captures";
 using strings = std::vector<std::string>;
 
 // The ways in which frames come to the protocols; nothing is lost on any of them.
-const strings kModes[] = {{}, {"--interrupt"}, {"--rate", "1000000"}, {"--dma"}};
+const strings kModes[] = {{}, {"--interrupt"}, {"--rate", "1000000"}, {"--dma"}, {"--profile"}};
 
 // Replays `files` and hands out the rows.
 std::map<std::string, table_row> replay(const strings &files, int code, const strings &mode = {}) {
@@ -201,6 +201,40 @@ TEST(replay, counts_every_round_and_every_drop) {
     size_t seconds = json.find("\"seconds\": ");
     ASSERT_NE(seconds, std::string::npos) << json;
     EXPECT_GE(std::stod(json.substr(seconds + 11)), 71.0 / 720);
+}
+
+// The times of a report by name. A line "Function: NAME", then "kernel: N; real N; last thread: N".
+std::map<std::string, long> real_times(const std::string &report) {
+    std::map<std::string, long> times;
+    std::istringstream in(report);
+    std::string name, line;
+    while (std::getline(in, line)) {
+        if (line.starts_with("Function: ")) name = line.substr(10);
+        if (line.starts_with("kernel: ")) times[name] = std::stol(line.substr(line.find("real ") + 5));
+    }
+    return times;
+}
+
+TEST(replay, measures_what_is_done_with_a_frame) {
+    const std::string capture = kSamples + "/two-links.pcapng";
+    for (const strings &mode : {strings{}, {"--interrupt"}, {"--tsv"}}) {
+        strings arguments = {"replay", "--profile", capture};
+        arguments.insert(arguments.end(), mode.begin(), mode.end());
+        const program_result result = run_program(arguments);
+        EXPECT_EQ(result.code, 0);
+        const bool table = mode != strings{"--tsv"};
+        auto times = real_times(table ? result.out : result.err);
+        EXPECT_EQ(table ? result.err : result.out.substr(0, 4), table ? "" : "file");
+        EXPECT_EQ(times.erase("zarn:receive"), mode == strings{"--interrupt"} ? 0u : 1u);
+        EXPECT_EQ(times.erase("zarn:checksum") + times.erase("network/arp:receive"), 2u);
+        const long ipv4 = times["network/ipv4:receive"];
+        EXPECT_TRUE(ipv4 > 0 && times["network/ethernet:receive"] >= ipv4);
+        for (const char *upper : {"icmp", "tcp", "udp"}) {
+            const long inside = times[std::string("network/") + upper + ":receive"];
+            EXPECT_TRUE(inside > 0 && inside <= ipv4) << upper;
+        }
+        EXPECT_EQ(times.size(), 5u);
+    }
 }
 
 TEST(replay, ends_in_order_when_it_is_told_to) {
