@@ -64,6 +64,33 @@ TEST(install, builds_a_module_with_one_compiler_line_or_the_cmake_package_and_ru
     expect_to_run(zarn);
 }
 
+// The module of docs/protocol-modules.md, as it stands there and with its last deletion forgotten.
+TEST(install, runs_the_module_of_the_document_which_says_what_a_leak_looks_like) {
+    const std::string document = read_file(ZARN_SOURCE_DIR "/docs/protocol-modules.md"), start = "\n```c\n";
+    const size_t begin = document.find(start) + start.size();
+    std::string source = document.substr(begin, document.find("\n```\n", begin) - begin) + "\n";
+    const std::string &place = installation(), work = scratch_directory() + "/work";
+    const std::string conf = read_file(ZARN_SOURCE_DIR "/examples/zarn.conf");
+    write_file(work + "/echo.conf", std::string(conf).replace(conf.find("1 icmp"), 6, "1 echo"));
+    const auto replay = [&](int code) {
+        write_file(work + "/echo.c", source);
+        run(std::string("cc -Wall -Wextra -Werror -shared -fPIC ") + kWidth + " -I" + place + "/include -o " +
+            place + "/lib/zarn/modules/network/echo.so " + work + "/echo.c");
+        return run(place + "/bin/zarn replay --conf " + work +
+                       "/echo.conf " ZARN_SOURCE_DIR "/examples/captures/two-links.pcapng",
+                   code);
+    };
+    EXPECT_NE(replay(0).find("echo: 15 requests, 15 replies\n"), std::string::npos);
+    const size_t last = source.find("    gUtil->delete_zarn_data(data);");
+    source.erase(last, source.find('\n', last) - last);
+    const std::string said = replay(4);
+    for (const char *pool : {"small pool", "medium pool"}) {
+        const std::string line = std::string("zarn: 30 blocks of the ") + pool + " were not given back\n";
+        EXPECT_NE(document.find(line), std::string::npos);
+        EXPECT_NE(said.find(line), std::string::npos) << said;
+    }
+}
+
 TEST(install, comes_with_settings_that_load_and_keeps_those_of_its_user) {
     EXPECT_NE(run(installation() + "/bin/zarn conf --load").find(installation() + "/etc/zarn.conf: good\n"),
               std::string::npos);
