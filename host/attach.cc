@@ -10,6 +10,7 @@
 #include <cstring>
 #include <string>
 
+#include "host/debugger.h"
 #include "host/exit_codes.h"
 #include "host/protocol_stack.h"
 #include "host/report.h"
@@ -32,6 +33,7 @@ constexpr char kUsage[] =
     "  --address A.B.C.D/LEN\n"
     "                 the host's address, and how many bits of it name the network, from 1 to 31\n"
     "  --pcap FILE    write every frame that crosses the device to FILE\n" RUN_OPTIONS_HELP RUN_LOG_HELP
+        DEBUGGER_HELP
     "  --help         this text\n"
     "\n"
     "Exit status: 0 all is well; 1 the device can't be opened or has gone, FILE can't be written, or the\n"
@@ -43,6 +45,7 @@ constexpr int kBatch = 64;
 
 struct attach_options {
     run_options run;
+    debugger_options debugger;
     tap_settings tap;
 };
 
@@ -77,11 +80,12 @@ bool is_interface_name(const std::string &name) {
 
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, attach_options *options) {
-    enum { kTap = 256, kAddress, kPcap, kModules, kConf, kLog, kHelp };
+    enum { kTap = 256, kAddress, kPcap, kModules, kConf, kLog, kDebug, kCommand, kHelp };
     static const option kOptions[] = {
         {"tap", required_argument, nullptr, kTap},   {"address", required_argument, nullptr, kAddress},
         {"pcap", required_argument, nullptr, kPcap}, {"modules", required_argument, nullptr, kModules},
         {"conf", required_argument, nullptr, kConf}, {"log", no_argument, nullptr, kLog},
+        {"debug", no_argument, nullptr, kDebug},     {"command", required_argument, nullptr, kCommand},
         {"help", no_argument, nullptr, kHelp},       {},
     };
     opterr = 0;
@@ -111,6 +115,13 @@ int parse_options(int argc, char **argv, attach_options *options) {
             case kLog:
                 options->run.log = true;
                 break;
+            case kDebug:
+                options->debugger.enter = true;
+                break;
+            case kCommand:
+                if (!add_debug_command(&options->debugger, optarg))
+                    return usage_error("--command needs a command");
+                break;
             case kHelp:
             case 'h':
                 fputs(kUsage, stdout);
@@ -130,6 +141,7 @@ int parse_options(int argc, char **argv, attach_options *options) {
 // The host while it is attached.
 struct attachment {
     const tap_settings *settings;
+    const debugger_options *debugger;
     tap_device tap;
     protocol_stack stack;
     host_services services;
@@ -197,6 +209,7 @@ int run_host(attachment *host) {
     if (attach_protocols(&host->stack, &host->tap.device)) {
         start_services(&host->services, util);
         print_start(*host);
+        enter_debugger(*host->debugger);
         code = serve(host);
         stop_services(&host->services);
         detach_protocols(&host->stack);
@@ -204,6 +217,7 @@ int run_host(attachment *host) {
     print_counts(host, flush_protocols(&host->stack));
     const std::array<pool_state, kPools> pools = measure_pools(util);
     print_report_end({}, pools);
+    if (int known = run_debug_commands(*host->debugger); code == kExitOk) code = known;
     if (!pools_are_full(pools)) code = kExitFault;
     if (const int32_t out = delete_tap_slots(&host->tap); out != 0) {
         fprintf(stderr, "zarn: %" PRId32 " frames were not given back\n", out);
@@ -220,13 +234,17 @@ int run_attach(int argc, char **argv) {
     if (code >= 0) return code;
     code = prepare_run(options.run, "attach");
     if (code != kExitOk) return code;
-    attachment host = {&options.tap, {}, {}, {}, {}};
+    attachment host = {&options.tap, &options.debugger, {}, {}, {}, {}};
     if (!open_tap_device(&host.tap, options.tap)) return kExitInput;
     wake_on_signals(host.tap.attention_fd);
     accept_stop_signals();
     code = kExitModule;
     if (load_protocol_stack(&host.stack)) {
-        code = run_host(&host);
+        code = kExitInput;
+        if (start_debugger(host.stack.util, options.debugger) == 0) {
+            code = run_host(&host);
+            stop_debugger();
+        }
         if (!unload_protocol_stack(&host.stack) || !kernel_is_empty()) code = kExitFault;
     }
     wake_on_signals(-1);

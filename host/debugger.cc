@@ -192,6 +192,12 @@ void serve_quit() {
 
 }  // namespace
 
+bool add_debug_command(debugger_options *options, const char *line) {
+    if (line[strspn(line, " \t\n")] == '\0') return false;
+    options->commands.push_back(line);
+    return true;
+}
+
 int32_t start_debugger(const zarn_util_module_t *util, const debugger_options &options) {
     gUtil = util;
     gHasPrompt = open_lines(&gLines, options.enter);

@@ -26,6 +26,9 @@ struct debugger_options {
     "  --debug        enter the kernel debugger at the start; its commands come from stdin\n" \
     "  --command LINE run a command of the kernel debugger at the end; may be given again\n"
 
+// False for a line that has no command in it.
+bool add_debug_command(debugger_options *options, const char *line);
+
 // Brings the commands and, where lines can come from somewhere, the prompt. To be called when the module is
 // loaded and before there is much to stop. Returns 0, or below 0 with a line on stderr.
 int32_t start_debugger(const zarn_util_module_t *util, const debugger_options &options);

@@ -168,8 +168,8 @@ int parse_options(int argc, char **argv, replay_options *options) {
                 options->debugger.enter = true;
                 break;
             case kCommand:
-                if (optarg[strspn(optarg, " \t\n")] == '\0') return usage_error("--command needs a command");
-                options->debugger.commands.push_back(optarg);
+                if (!add_debug_command(&options->debugger, optarg))
+                    return usage_error("--command needs a command");
                 break;
             case kHelp:
             case 'h':
