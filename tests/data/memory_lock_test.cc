@@ -8,6 +8,7 @@
 #include <vector>
 
 #include "data/zarn_data.h"
+#include "tests/support/background.h"
 #include "tests/support/failures.h"
 #include "tests/support/fixture.h"
 
@@ -149,6 +150,18 @@ TEST_F(memory_lock_test, ALockWiresFirstAndAnUnlockWithoutTheBufferUndoesIt) {
               (std::vector<std::string>{"memory_unlock \"\" 0x1000 50 0", "memory_unlock \"\" 0x2000 60 0",
                                         "memory_unlock \"\" 0x3000 70 0"}));
     end_lock(second);
+}
+
+TEST_F(memory_lock_test, TheKernelIsAskedWithTheCacheUnlocked) {
+    zarn_data_t *data = make_buffer({{0x1000, 50}});
+    memory_run run;
+    test_kernel::stopping_point window("memory_map");
+    background call([&] { return get_data_memory_map(data, &run, 1, false); });
+    window.wait();
+    EXPECT_EQ(gAddressCache->count, 0);
+    window.go_on();
+    EXPECT_EQ(call.join(), 1);
+    delete_zarn_data(data);
 }
 
 TEST_F(memory_lock_test, EveryFailureLeavesNothingBehind) {
