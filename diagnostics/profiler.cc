@@ -123,8 +123,8 @@ static bool create_tables_locked() {
     if (gFinished == nullptr) gFinished = skiplist_new(finished_cmp, freerec, 0);
     if (gFinished == nullptr) {
         kern_log("profiler couldn't create finished list\n");
-        skiplist_free(
-            gPending);  // empty: it was created just now, since neither is ever there without the other
+        // It is empty and was created just now: neither list is ever there without the other.
+        skiplist_free(gPending);
         gPending = nullptr;
         return false;
     }

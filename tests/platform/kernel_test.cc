@@ -59,6 +59,12 @@ TEST_F(threads, tell_their_times_which_never_go_back) {
         memcpy(before, times, sizeof times);
         if (start < 0) start = times[0] + times[1];
     } while (times[0] + times[1] < start + 20000);
+    // Another thread is told the same, in the ticks of the host.
+    const int32_t self = kern_thread_self();
+    std::thread([&] { EXPECT_EQ(kern_thread_info(self, record + 1, 76), 0); }).join();
+    memcpy(before, record + 1 + 52, sizeof before);
+    EXPECT_NEAR(static_cast<double>(before[0]), static_cast<double>(times[0]), 20000);
+    EXPECT_NEAR(static_cast<double>(before[1]), static_cast<double>(times[1]), 20000);
 }
 
 TEST_F(threads, sleep_long_enough_in_spite_of_interrupts) {
