@@ -3,6 +3,7 @@
 
 #include <fcntl.h>
 #include <unistd.h>
+#include <wchar.h>
 
 #include <cerrno>
 #include <cstdlib>
@@ -17,7 +18,7 @@ char *prompt_text(EditLine *) {
 }
 
 // Ends the line as an empty one.
-unsigned char cancel_line(EditLine *editor, int) {
+unsigned char cancel_line(EditLine *editor, wint_t) {
     const LineInfo *line = el_line(editor);
     int length = static_cast<int>(line->lastchar - line->buffer);
     el_cursor(editor, static_cast<int>(line->lastchar - line->cursor));
@@ -41,7 +42,8 @@ bool make_editor(line_source *source) {
     el_set(source->editor, EL_HIST, history, source->history);
     // The keys that raise signals are ordinary ones here: a signal would meet a thread that stands still.
     el_set(source->editor, EL_SETTY, "-d", "-isig", nullptr);
-    el_set(source->editor, EL_ADDFN, "cancel-line", "Starts the line anew", cancel_line);
+    // The other form of this call keeps copies of the texts for good.
+    el_wset(source->editor, EL_ADDFN, L"cancel-line", L"Starts the line anew", cancel_line);
     el_set(source->editor, EL_BIND, "^C", "cancel-line", nullptr);
     return true;
 }
