@@ -101,6 +101,13 @@ wired_memory &wired() {
     return memory;
 }
 
+// In a critical section: a thread that the debugger stops doesn't hold the lock.
+class wired_guard {
+ private:
+    hosted::section masked_;
+    std::lock_guard<std::mutex> held_{wired().lock};
+};
+
 // Lets go of those pages of the range that nobody has locked.
 void release_unlocked(const wired_memory &memory, page_range pages) {
     for (uintptr_t page = pages.first; page != pages.end; page += page_size())
@@ -199,7 +206,7 @@ int32_t kern_region_delete(int32_t id) {
 
 int32_t kern_memory_lock(void *address, uint32_t length, uint32_t) {
     wired_memory &memory = wired();
-    std::lock_guard held(memory.lock);
+    wired_guard held;
     page_range pages;
     if (!find_pages(address, length, &pages) || !is_mapped(pages)) {
         memory.refusals++;
@@ -222,7 +229,7 @@ int32_t kern_memory_lock(void *address, uint32_t length, uint32_t) {
 
 int32_t kern_memory_unlock(void *address, uint32_t length, uint32_t) {
     wired_memory &memory = wired();
-    std::lock_guard held(memory.lock);
+    wired_guard held;
     auto range = memory.ranges.find({reinterpret_cast<uintptr_t>(address), length});
     if (range == memory.ranges.end()) {
         if (memory.refusals > 0) {
@@ -280,7 +287,7 @@ namespace hosted {
 
 void count_memory(hosted_counts *counts) {
     {
-        std::lock_guard held(wired().lock);
+        wired_guard held;
         counts->locked_ranges = wired().range_count;
     }
     guard held(gRegions);
@@ -296,7 +303,7 @@ int32_t log_regions() {
 }
 
 int32_t log_locked_ranges() {
-    std::lock_guard held(wired().lock);
+    wired_guard held;
     for (const auto &[range, locks] : wired().ranges)
         kern_log("kernel: %u bytes at %p, locked %d times\n", static_cast<unsigned>(range.second),
                  reinterpret_cast<void *>(range.first), locks);
