@@ -44,8 +44,9 @@ static void send_segment(zarn_data_t *data, const header *out) {
     write32(bytes + kChecksum, 0);
     copy_bytes(bytes + kShortestHeader, out->options, out->option_bytes);
     const uint8_t *to = out->to.address;
-    write_checksum(bytes + kChecksum,
-                   transport_checksum(data, data->length, gDevice->address, to, kTcpProtocol));
+    // Of the two zeros only this one is what the complement of a sum with anything in it can be.
+    uint32_t checksum = transport_checksum(data, data->length, gDevice->address, to, kTcpProtocol);
+    write_checksum(bytes + kChecksum, checksum != 0xffff ? checksum : 0);
     count_departure(data);
     gBelow->host->send(data, &out->to);
 }

@@ -2,9 +2,11 @@
 #include "tests/host/program.h"
 
 #include <gtest/gtest.h>
+#include <sys/prctl.h>
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <csignal>
 #include <cstdio>
 #include <cstdlib>
 #include <filesystem>
@@ -52,6 +54,7 @@ pid_t start_program(const std::vector<std::string> &arguments) {
     fflush(nullptr);
     pid_t child = fork();
     if (child != 0) return child;
+    prctl(PR_SET_PDEATHSIG, SIGKILL);  // a test that is cut off leaves nobody behind
     if (freopen(out.c_str(), "w", stdout) == nullptr || freopen(err.c_str(), "w", stderr) == nullptr)
         _exit(126);
     std::string program = ZARN_BUILD_DIR "/zarn";
