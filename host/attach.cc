@@ -99,7 +99,8 @@ int parse_options(int argc, char **argv, attach_options *options) {
                 break;
             case kAddress:
                 if (!parse_address(optarg, &options->tap))
-                    return usage_error(std::string(optarg) + " is no address like 10.9.9.2/24");
+                    return usage_error(std::string(optarg) +
+                                       " is no address like 10.9.9.2/24, with 1 to 31 bits");
                 if (!is_host_address(options->tap))
                     return usage_error(std::string(optarg) + " is no address of one host");
                 break;

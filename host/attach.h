@@ -1,6 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// `zarn attach`: runs the protocols as a host on the network of a TAP device, and serves echo and discard there.
+// `zarn attach`: runs the protocols as a host on the network of a TAP device, and serves echo and discard
+// there.
 
 #ifndef ZARN_HOST_ATTACH_H
 #define ZARN_HOST_ATTACH_H

@@ -21,8 +21,8 @@
 constexpr uint32_t kSlotSize = 2048;
 constexpr uint32_t kSlotBytes = kSlotSize - 2 * sizeof(void *);
 
-// For captures. The longest frame takes 130; each buffer takes a medium block of the module's 256, and one more for ten
-// pieces.
+// For captures. The longest frame takes 130; each buffer takes a medium block of the module's 256, and one
+// more for ten pieces.
 constexpr int32_t kSlots = 192;
 
 struct frame_slots {

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What every command has in common that runs the protocols: how they are set up, and the looks at what is left of
-// them.
+// What every command has in common that runs the protocols: how they are set up, and the looks at what is
+// left of them.
 
 #ifndef ZARN_HOST_RUN_H
 #define ZARN_HOST_RUN_H
@@ -23,8 +23,8 @@ struct run_options {
     bool log = false;
 };
 
-// Readies the kernel for the modules: before the first of them is loaded and before the first thread is made. The
-// modules read the settings when they need them; a file with a mistake is better refused at once. An exit
+// Readies the kernel for the modules: before the first of them is loaded and before the first thread is made.
+// The modules read the settings when they need them; a file with a mistake is better refused at once. An exit
 // code, with what is wrong on stderr unless it is kExitOk.
 int prepare_run(const run_options &options, const char *command);
 

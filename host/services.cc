@@ -70,8 +70,8 @@ void note_done(host_connection *connection) {
     connection->services->done.push_back(connection);
 }
 
-// Sends what has come as long as the connection takes it. Without memory for an echo the connection can only be
-// given up: deleted before its end, it is reset.
+// Sends what has come as long as the connection takes it. Without memory for an echo the connection can only
+// be given up: deleted before its end, it is reset.
 void echo_bytes(host_connection *connection) {
     host_services *services = connection->services;
     zarn_util_module_t *util = services->util;

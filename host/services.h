@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the host on a device serves, through endpoints: UDP echo on port 7, TCP echo on port 7, and TCP discard on
-// port 9.
+// What the host on a device serves, through endpoints: UDP echo on port 7, TCP echo on port 7, and TCP
+// discard on port 9.
 //
 //     hooks, with the endpoint's lock held     serve_clients, behind each batch of frames
 //     datagram, bytes: take, clone, send
@@ -61,8 +61,7 @@ struct host_services {
     service_counts counts = {};
 };
 
-// Opens the endpoints for which the settings have stacks; what can't be served is told in a line on stderr. False
-// when nothing was left to serve because of a lack of memory.
+// Opens the endpoints. What can't be served is told in a line on stderr, and left out.
 void start_services(host_services *services, zarn_util_module_t *util);
 
 // Deals with what hooks have noted.

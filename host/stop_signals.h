@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// SIGINT and SIGTERM ask the program to end in order; whoever asks a second time ends it at once. SIGUSR1 asks a
-// program that runs on and on how it is doing.
+// SIGINT and SIGTERM ask the program to end in order; whoever asks a second time ends it at once. SIGUSR1
+// asks a program that runs on and on how it is doing.
 
 #ifndef ZARN_HOST_STOP_SIGNALS_H
 #define ZARN_HOST_STOP_SIGNALS_H
@@ -15,8 +15,8 @@ void accept_stop_signals();
 // Whether one has come.
 bool stop_requested();
 
-// From now on each of these signals, and SIGUSR1, adds to this eventfd, so that who polls it comes back. With -1
-// no longer: then the eventfd may go.
+// From now on each of these signals, and SIGUSR1, adds to this eventfd, so that who polls it comes back. With
+// -1 no longer: then the eventfd may go.
 void wake_on_signals(int event_fd);
 
 // Whether SIGUSR1 has come since the last call.

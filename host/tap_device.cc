@@ -76,7 +76,8 @@ void transmit(const sample_device *device, zarn_data_t *frame) {
     tap_device *tap = tap_of(device);
     zarn_util_module_t *util = tap->slots.util;
     uint32_t length = frame->length;
-    if (util->count_zarn_data_iovecs(frame) > kPieces && util->coalesce_zarn_data(frame, 0, length) != 0) {
+    if (length > device->mtu + kEthernetHeader ||
+        (util->count_zarn_data_iovecs(frame) > kPieces && util->coalesce_zarn_data(frame, 0, length) != 0)) {
         tap->counts.not_sent++;
         util->isafe_delete_zarn_data(frame);
         return;
@@ -109,8 +110,8 @@ uint32_t count_room(const sample_device *device) {
     return room > 0 ? static_cast<uint32_t>(room) : 0;
 }
 
-// The exchange pairs with the one in wait_for_tap: whoever finds 1 here has a wake-up on its way, and what was
-// changed before is seen by the look behind it.
+// The exchange pairs with the one in wait_for_tap: whoever finds 1 here has a wake-up on its way, and what
+// was changed before is seen by the look behind it.
 void request_attention(const sample_device *device) {
     tap_device *tap = tap_of(device);
     if (__atomic_exchange_n(&tap->attention, 1, __ATOMIC_ACQ_REL) == 0) eventfd_write(tap->attention_fd, 1);
@@ -300,9 +301,9 @@ void close_tap_device(tap_device *tap) {
 
 bool wait_for_tap(tap_device *tap) {
     pollfd polled[] = {{tap->fd, POLLIN, 0}, {tap->attention_fd, POLLIN, 0}};
-    int ready = poll(polled, 2, 0);
-    if (ready == 0) {  // a look at the record is a look at all that was sent so far
-        flush_record(tap);
+    int ready = tap->recorder != nullptr ? poll(polled, 2, 0) : 0;
+    if (ready == 0) {
+        flush_record(tap);  // whoever looks at it while nothing happens finds all that did
         ready = poll(polled, 2, -1);
     }
     if (ready < 0 && errno != EINTR) {

@@ -2,8 +2,8 @@
 //
 // A TAP device: an Ethernet whose other end is a network interface of this machine.
 //
-// - A frame is read right into a slot, which is what the buffer refers to; frames leave by one gathering write from
-//   wherever their pieces lie.
+// - A frame is read right into a slot, which is what the buffer refers to; frames leave by one gathering
+//   write from wherever their pieces lie.
 // - All but request_attention is for one thread, the stack's. Slots come back on any thread.
 
 #ifndef ZARN_HOST_TAP_DEVICE_H
@@ -15,15 +15,13 @@
 #include "examples/modules/sample_protocol.h"
 #include "host/frame_slots.h"
 
-// 8 MiB: what dozens of connections have on their way at a time, each with the widest window of TCP, or a
-// hundred of the longest datagrams in parts.
+// 8 MiB: what dozens of connections have on their way at a time, each with a window of 64 KiB, or the parts
+// of 90 datagrams of the greatest length.
 constexpr int32_t kDeviceSlots = 4096;
 
-// Slots that no protocol keeps. With everything else kept, a frame holds one while it is dealt with, and what is
-// sent because of it holds no other; what waits for a neighbour's hardware address holds slots that were kept
-// before. Frames of a batch come one after the other. So one would do; the rest is for the buffers that
-// wait in the purgatory, and for what protocols keep with one frame after they have asked: the parts
-// of a datagram of the greatest length.
+// Slots that no protocol keeps, so that frames can still be read when all others are kept. One would do:
+// frames are dealt with one after the other, each holds one slot meanwhile, and what is sent because of it
+// holds no more. The others are for a module of somebody's own that keeps a few without asking.
 constexpr int32_t kReservedSlots = 64;
 
 struct device_counts {
@@ -35,12 +33,12 @@ struct device_counts {
 };
 
 struct tap_device {
-    sample_device device;  // what the protocols see
+    sample_device device = {};  // what the protocols see
     std::string name;
     int fd = -1;
-    int attention_fd = -1;  // an eventfd
-    uint32_t attention;     // atomic: 1 from the request to the look
-    frame_slots slots;
+    int attention_fd = -1;   // an eventfd
+    uint32_t attention = 0;  // atomic: 1 from the request to the look
+    frame_slots slots = {};
     struct pcap_dumper *recorder = nullptr;  // null: nothing is recorded
     std::string recorder_path;
     bool record_failed = false;
@@ -50,8 +48,8 @@ struct tap_device {
 // The host that it makes up on the network.
 struct tap_settings {
     std::string name;
-    uint8_t address[4];
-    uint32_t prefix;
+    uint8_t address[4] = {};
+    uint32_t prefix = 0;      // 0: no address was given
     std::string record_path;  // empty: nothing is recorded
 };
 
@@ -67,7 +65,8 @@ int32_t delete_tap_slots(tap_device *tap);
 // Closes all but the slots.
 void close_tap_device(tap_device *tap);
 
-// Waits until a frame or a request for attention is there. False, with a line on stderr, when the device is gone.
+// Waits until a frame, a signal or a request for attention is there. False, with a line on stderr, when the
+// device is gone.
 bool wait_for_tap(tap_device *tap);
 
 enum class tap_read { kFrame, kDropped, kNothing };

@@ -2,8 +2,8 @@
 //
 // ARP (RFC 826): counted; on a device also answered, and asked for the hardware addresses of the neighbours.
 //
-// A neighbour is learned when it asks for us, or answers us. What is known of it is used for a minute; then it
-// is asked again, and used meanwhile. Who doesn't answer is forgotten, with the packets that wait for it.
+// A neighbour is learned when it asks for us, or answers us. What is known of it is used for a minute; then
+// it is asked again, and used meanwhile. Who doesn't answer is forgotten, with the packets that wait for it.
 
 #include "sample_module.h"
 

@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// ICMP (RFC 792): its checksum covers the message and nothing else. On a device echo requests are answered, and
-// the senders of what can't be delivered are told so.
+// ICMP (RFC 792): its checksum covers the message and nothing else. On a device echo requests are answered,
+// and the senders of what can't be delivered are told so.
 
 #include "sample_module.h"
 
@@ -31,9 +31,9 @@ static void send_message(zarn_data_t *data, const sample_network_header *network
     network->below->host->send(data, &to);
 }
 
-// The answer refers to the bytes of the request, but for the four that differ. The checksum changes by the one
-// word beside it, however long the message is. As a field, both forms of zero are right, but for a message that
-// is nothing but zeros: there only 0xffff is.
+// The answer refers to the bytes of the request, but for the four that differ. The checksum changes by the
+// one word beside it, however long the message is. As a field, both forms of zero are right, but for a
+// message that is nothing but zeros: there only 0xffff is.
 static void answer_echo(zarn_data_t *data, const sample_network_header *network) {
     static const uint8_t kRequestWord[2] = {kEchoRequest, 0}, kReplyWord[2] = {kEchoReply, 0};
     const uint8_t *request = map_bytes(data, 0, 4);
@@ -85,8 +85,9 @@ static void refuse(zarn_data_t *data, const sample_network_header *network, samp
 }
 
 static int32_t attach(const sample_device *device, const sample_protocol_module *below) {
+    (void)device;
     (void)below;
-    return start_clock(device);
+    return start_clock(NULL);
 }
 
 static const sample_host_operations kHost = {.attach = attach, .detach = stop_clock, .refuse = refuse};

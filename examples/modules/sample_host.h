@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// What the files of a protocol use that is part of a host: packets to be sent, and addresses. Include it behind
-// sample_module.h or sample_packet.h.
+// What the files of a protocol use that is part of a host: packets to be sent, and addresses. Include it
+// behind sample_module.h or sample_packet.h.
 
 #ifndef SAMPLE_HOST_H
 #define SAMPLE_HOST_H
@@ -27,9 +27,9 @@ static inline void copy_bytes(uint8_t *to, const uint8_t *from, uint32_t length)
         to[i] = from[i];
 }
 
-// Puts a header of `length` bytes before the packet, for the caller to write. It lies in a block of its own, which
-// the packet frees: so the packet's other memory may be shared. Blocks of several protocols share a descriptor.
-// Null without memory: then the packet is only good for `lose_packet`.
+// Puts a header of `length` bytes before the packet, for the caller to write. It lies in a block of its own,
+// which the packet frees: so the packet's other memory may be shared. Blocks of several protocols share a
+// descriptor. Null without memory: then the packet is only good for `lose_packet`.
 static inline uint8_t *prepend_header(zarn_data_t *data, uint32_t length) {
     uint8_t *header = gUtil->zarn_falloc(length);
     if (header == NULL) return NULL;

@@ -96,8 +96,9 @@ static inline void count_packet(const zarn_data_t *data, const sample_network_he
     gCounts.unverified += verdict == kUnverified;
 }
 
-// The checksum of the first `length` bytes of the packet, not 0 and all of them there, and the pseudo header of
-// the other arguments. The two pieces are summed where they lie: the checksum of one is the seed of the other.
+// The checksum of the first `length` bytes of the packet, not 0 and all of them there, and the pseudo header
+// of the other arguments. The two pieces are summed where they lie: the checksum of one is the seed of the
+// other.
 static inline uint32_t transport_checksum(zarn_data_t *data, uint32_t length, const uint8_t *source,
                                           const uint8_t *destination, uint8_t protocol) {
     uint8_t pseudo[12] = {0};

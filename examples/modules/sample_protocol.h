@@ -124,12 +124,13 @@ typedef struct sample_host_operations {
     // on the wire.
     void (*send)(zarn_data_t *data, const sample_destination *to);
 
-    // icmp, and ipv4 on its behalf: tells the sender of a packet, which is `data` from behind the network's header
-    // on, that it can't be delivered. The buffer stays the caller's.
+    // icmp, and ipv4 on its behalf: tells the sender of a packet, which is `data` from behind the network's
+    // header on, that it can't be delivered. The buffer stays the caller's.
     void (*refuse)(zarn_data_t *data, const sample_network_header *network, sample_refusal why);
 
-    // arp: the six bytes of the hardware address of `to`, valid until the next call of the protocol. Null when
-    // it isn't known yet: then the buffer was taken over, and is sent again by the protocol below when it is.
+    // arp: the six bytes of the hardware address of `to`, valid until the next call of the protocol. Null
+    // when it isn't known yet: then the buffer was taken over, and is sent again by the protocol below when
+    // it is.
     const uint8_t *(*resolve)(zarn_data_t *data, const sample_destination *to);
 } sample_host_operations;
 
