@@ -10,7 +10,6 @@
 #include <cstring>
 #include <string>
 
-#include "host/debugger.h"
 #include "host/exit_codes.h"
 #include "host/protocol_stack.h"
 #include "host/report.h"
@@ -32,8 +31,9 @@ constexpr char kUsage[] =
     "  --tap NAME     the interface\n"
     "  --address A.B.C.D/LEN\n"
     "                 the host's address, and how many bits of it name the network, from 1 to 31\n"
-    "  --pcap FILE    write every frame that crosses the device to FILE\n" RUN_OPTIONS_HELP RUN_LOG_HELP
-        DEBUGGER_HELP
+    "  --pcap FILE    write every frame that crosses the device to FILE\n" RUN_OPTIONS_HELP
+    "  --profile      measure the device, the checksums and each protocol, and print the times at the "
+    "end\n" RUN_LOG_HELP
     "  --help         this text\n"
     "\n"
     "Exit status: 0 all is well; 1 the device can't be opened or has gone, FILE can't be written, or the\n"
@@ -80,12 +80,10 @@ bool is_interface_name(const std::string &name) {
 
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, attach_options *options) {
-    enum { kTap = 256, kAddress, kPcap, kModules, kConf, kLog, kDebug, kCommand, kHelp };
+    enum { kTap = 256, kAddress, kPcap, kHelp };
     static const option kOptions[] = {
         {"tap", required_argument, nullptr, kTap},   {"address", required_argument, nullptr, kAddress},
-        {"pcap", required_argument, nullptr, kPcap}, {"modules", required_argument, nullptr, kModules},
-        {"conf", required_argument, nullptr, kConf}, {"log", no_argument, nullptr, kLog},
-        {"debug", no_argument, nullptr, kDebug},     {"command", required_argument, nullptr, kCommand},
+        {"pcap", required_argument, nullptr, kPcap}, RUN_OPTIONS,
         {"help", no_argument, nullptr, kHelp},       {},
     };
     opterr = 0;
@@ -107,30 +105,17 @@ int parse_options(int argc, char **argv, attach_options *options) {
             case kPcap:
                 options->tap.record_path = optarg;
                 break;
-            case kModules:
-                options->run.modules = optarg;
-                break;
-            case kConf:
-                options->run.settings = optarg;
-                break;
-            case kLog:
-                options->run.log = true;
-                break;
-            case kDebug:
-                options->debugger.enter = true;
-                break;
-            case kCommand:
-                if (!add_debug_command(&options->debugger, optarg))
-                    return usage_error("--command needs a command");
-                break;
             case kHelp:
             case 'h':
                 fputs(kUsage, stdout);
                 return kExitOk;
             case ':':
                 return usage_error(std::string(argv[optind - 1]) + " needs a value");
-            default:
+            case '?':
                 return usage_error("unknown or ambiguous option " + std::string(argv[optind - 1]));
+            default:
+                if (const char *wrong = take_run_option(found, optarg, &options->run))
+                    return usage_error(wrong);
         }
     }
     if (optind < argc) return usage_error("unexpected argument " + std::string(argv[optind]));
@@ -141,10 +126,9 @@ int parse_options(int argc, char **argv, attach_options *options) {
 
 // The host while it is attached.
 struct attachment {
-    const tap_settings *settings;
-    const debugger_options *debugger;
+    const attach_options *options;
     tap_device tap;
-    protocol_stack stack;
+    protocol_stack *stack;
     host_services services;
     protocol_counts counts;  // what was taken from the protocols so far
 };
@@ -159,7 +143,7 @@ void print_start(const attachment &host) {
         printf("  %s\n", service_text(*service).c_str());
     printf("This machine reaches it with an address of its own there:\n\n  sudo ip addr add %s/%" PRIu32
            " dev %s\n\n",
-           tap_peer_address(*host.settings).c_str(), device.prefix, host.tap.name.c_str());
+           tap_peer_address(host.options->tap).c_str(), device.prefix, host.tap.name.c_str());
     fflush(stdout);
 }
 
@@ -189,36 +173,36 @@ int serve(attachment *host) {
         tap_read read = tap_read::kFrame;
         for (int i = 0; i < kBatch && read != tap_read::kNothing; i++) {
             read = read_tap_frame(&host->tap, &frame);
-            if (read == tap_read::kFrame) receive_frame(&host->stack, frame);
+            if (read == tap_read::kFrame) receive_frame(host->stack, frame);
         }
-        attend_protocols(&host->stack);
-        serve_clients(&host->services);
-        if (report_requested()) print_counts(host, take_protocol_counts(&host->stack));
+        {
+            profile_bracket bracket(host->stack, "zarn", "attend");
+            attend_protocols(host->stack);
+            serve_clients(&host->services);
+        }
+        if (report_requested()) print_counts(host, take_protocol_counts(host->stack));
     }
     return kExitOk;
 }
 
 // With the modules loaded and the device open. Returns an exit code.
 int run_host(attachment *host) {
-    zarn_util_module_t *util = host->stack.util;
-    if (install_heap_meter(util) != 0) {
-        fprintf(stderr, "zarn: the heap calls of the module can't be counted\n");
-        return kExitModule;
-    }
-    if (!create_tap_slots(&host->tap, util)) return kExitInput;
+    zarn_util_module_t *util = host->stack->util;
+    if (!create_tap_slots(&host->tap, host->stack)) return kExitInput;
     int code = kExitModule;
-    if (attach_protocols(&host->stack, &host->tap.device)) {
+    if (attach_protocols(host->stack, &host->tap.device)) {
         start_services(&host->services, util);
         print_start(*host);
-        enter_debugger(*host->debugger);
+        enter_debugger(host->options->run.debugger);
         code = serve(host);
         stop_services(&host->services);
-        detach_protocols(&host->stack);
+        detach_protocols(host->stack);
     }
-    print_counts(host, flush_protocols(&host->stack));
+    print_counts(host, flush_protocols(host->stack));
     const std::array<pool_state, kPools> pools = measure_pools(util);
     print_report_end({}, pools);
-    if (int known = run_debug_commands(*host->debugger); code == kExitOk) code = known;
+    if (host->options->run.profile) print_profile(stdout);
+    if (const int known = run_debug_commands(host->options->run.debugger); code == kExitOk) code = known;
     if (!pools_are_full(pools)) code = kExitFault;
     if (const int32_t out = delete_tap_slots(&host->tap); out != 0) {
         fprintf(stderr, "zarn: %" PRId32 " frames were not given back\n", out);
@@ -235,25 +219,16 @@ int run_attach(int argc, char **argv) {
     if (code >= 0) return code;
     code = prepare_run(options.run, "attach");
     if (code != kExitOk) return code;
-    attachment host = {&options.tap, &options.debugger, {}, {}, {}, {}};
+    attachment host = {&options, {}, nullptr, {}, {}};
     if (!open_tap_device(&host.tap, options.tap)) return kExitInput;
     wake_on_signals(host.tap.attention_fd);
     accept_stop_signals();
-    code = kExitModule;
-    if (load_protocol_stack(&host.stack)) {
-        code = kExitInput;
-        if (start_debugger(host.stack.util, options.debugger) == 0) {
-            code = run_host(&host);
-            stop_debugger();
-        }
-        if (!unload_protocol_stack(&host.stack) || !kernel_is_empty()) code = kExitFault;
-    }
+    code = run_protocols(options.run, [&](protocol_stack *stack) {
+        host.stack = stack;
+        return run_host(&host);
+    });
     wake_on_signals(-1);
     close_tap_device(&host.tap);
     if (host.tap.record_failed && code == kExitOk) code = kExitInput;
-    if ((fflush(stdout) != 0 || ferror(stdout)) && code == kExitOk) {
-        fprintf(stderr, "zarn: can't write the report\n");
-        code = kExitInput;
-    }
     return code;
 }

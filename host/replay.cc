@@ -11,10 +11,8 @@
 #include <string>
 #include <vector>
 
-#include "diagnostics/profiler.h"
 #include "host/capture_reader.h"
 #include "host/connections.h"
-#include "host/debugger.h"
 #include "host/exit_codes.h"
 #include "host/heap_meter.h"
 #include "host/pipeline.h"
@@ -23,8 +21,6 @@
 #include "host/report.h"
 #include "host/run.h"
 #include "host/stop_signals.h"
-#include "platform/hosted/hosted_kernel.h"
-#include "platform/hosted/settings.h"
 #include "platform/kern.h"
 
 namespace {
@@ -46,7 +42,6 @@ constexpr char kUsage[] =
     "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n"
     "  --profile      measure the reception, the checksums and each protocol, and print the times behind\n"
     "                 the report (stderr with --tsv and --json); nothing at interrupt level\n" RUN_LOG_HELP
-        DEBUGGER_HELP
     "  --help         this text\n"
     "\n"
     "A file's status is ok, cut (it ends inside a record), damaged (it holds a record that cannot be),\n"
@@ -66,8 +61,6 @@ struct replay_options {
     uint64_t repeat = 1;
     uint64_t backlog = kDefaultBacklog;
     bool interrupts = false;
-    debugger_options debugger;
-    bool profile = false;
     std::vector<const char *> files;
 };
 
@@ -86,26 +79,9 @@ bool parse_count(const char *text, uint64_t *count) {
 
 // Returns -1 to go on, or the exit code to end with.
 int parse_options(int argc, char **argv, replay_options *options) {
-    enum {
-        kModules = 256,
-        kConf,
-        kTsv,
-        kJson,
-        kRate,
-        kRepeat,
-        kBacklog,
-        kDrop,
-        kInterrupt,
-        kDma,
-        kProfile,
-        kLog,
-        kDebug,
-        kCommand,
-        kHelp
-    };
+    enum { kTsv = 256, kJson, kRate, kRepeat, kBacklog, kDrop, kInterrupt, kDma, kHelp };
     static const option kOptions[] = {
-        {"modules", required_argument, nullptr, kModules},
-        {"conf", required_argument, nullptr, kConf},
+        RUN_OPTIONS,
         {"tsv", no_argument, nullptr, kTsv},
         {"json", no_argument, nullptr, kJson},
         {"rate", required_argument, nullptr, kRate},
@@ -114,10 +90,6 @@ int parse_options(int argc, char **argv, replay_options *options) {
         {"drop", no_argument, nullptr, kDrop},
         {"interrupt", no_argument, nullptr, kInterrupt},
         {"dma", no_argument, nullptr, kDma},
-        {"profile", no_argument, nullptr, kProfile},
-        {"log", no_argument, nullptr, kLog},
-        {"debug", no_argument, nullptr, kDebug},
-        {"command", required_argument, nullptr, kCommand},
         {"help", no_argument, nullptr, kHelp},
         {},
     };
@@ -126,12 +98,6 @@ int parse_options(int argc, char **argv, replay_options *options) {
     optind = 1;
     for (int found; (found = getopt_long(argc, argv, ":h", kOptions, nullptr)) != -1;) {
         switch (found) {
-            case kModules:
-                options->run.modules = optarg;
-                break;
-            case kConf:
-                options->run.settings = optarg;
-                break;
             case kTsv:
                 tsv = true;
                 options->style.format = report_format::kTsv;
@@ -158,27 +124,17 @@ int parse_options(int argc, char **argv, replay_options *options) {
             case kDma:
                 options->style.dma = true;
                 break;
-            case kProfile:
-                options->profile = true;
-                break;
-            case kLog:
-                options->run.log = true;
-                break;
-            case kDebug:
-                options->debugger.enter = true;
-                break;
-            case kCommand:
-                if (!add_debug_command(&options->debugger, optarg))
-                    return usage_error("--command needs a command");
-                break;
             case kHelp:
             case 'h':
                 fputs(kUsage, stdout);
                 return kExitOk;
             case ':':
                 return usage_error(std::string(argv[optind - 1]) + " needs a value");
-            default:
+            case '?':
                 return usage_error("unknown or ambiguous option " + std::string(argv[optind - 1]));
+            default:
+                if (const char *wrong = take_run_option(found, optarg, &options->run))
+                    return usage_error(wrong);
         }
     }
     if (tsv && json) return usage_error("--tsv and --json exclude each other");
@@ -186,7 +142,7 @@ int parse_options(int argc, char **argv, replay_options *options) {
         options->files.push_back(argv[i]);
         if (strcmp(argv[i], "-") == 0 && options->repeat > 1)
             return usage_error("the standard input can't be read more than once");
-        if (strcmp(argv[i], "-") == 0 && options->debugger.enter)
+        if (strcmp(argv[i], "-") == 0 && options->run.debugger.enter)
             return usage_error("the standard input can't be both a capture and the debugger's");
     }
     if (options->files.empty()) return usage_error("no file named");
@@ -302,14 +258,6 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
 
-// Prints what the profiler has measured, with the machine as good as stopped: no frame is on its way.
-void print_profile(FILE *to) {
-    std::string text;
-    const auto append = [](void *all, const char *part) { *static_cast<std::string *>(all) += part; };
-    hosted_run_debug_command("prof_real", append, &text);
-    if (!text.empty()) fprintf(to, "\nprofile, usec, each with what runs inside of it:\n%s", text.c_str());
-}
-
 // Replays the files. Returns an exit code.
 int replay_files(const replay_options &options, const protocol_stack *stack) {
     endpoint_client client;
@@ -320,7 +268,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
         return kExitInput;
     }
     accept_stop_signals();
-    enter_debugger(options.debugger);
+    enter_debugger(options.run.debugger);
 
     int code = kExitOk;
     uint64_t unloadable = 0, wrong_maps = 0;
@@ -342,8 +290,8 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     }
     std::array<pool_state, kPools> pools = measure_pools(stack->util);
     print_report_end(options.style, pools);
-    if (options.profile) print_profile(options.style.format == report_format::kTable ? stdout : stderr);
-    if (int known = run_debug_commands(options.debugger); code == kExitOk) code = known;
+    if (options.run.profile) print_profile(options.style.format == report_format::kTable ? stdout : stderr);
+    if (int known = run_debug_commands(options.run.debugger); code == kExitOk) code = known;
     if (!pools_are_full(pools)) code = kExitFault;
     if (wrong_maps != 0) {
         fprintf(stderr, "zarn: %" PRIu64 " buffers were not mapped for hardware as they are\n", wrong_maps);
@@ -370,24 +318,5 @@ int run_replay(int argc, char **argv) {
 
     code = prepare_run(options.run, "replay");
     if (code != kExitOk) return code;
-    if (options.profile) hosted_force_setting("profile", "yes");
-    protocol_stack stack;
-    if (!load_protocol_stack(&stack)) return kExitModule;
-    stack.profile = options.profile;
-    if (install_heap_meter(stack.util, options.profile ? sizeof(profiler_record) : 0) == 0) {
-        code = kExitInput;
-        if (start_debugger(stack.util, options.debugger) == 0) {
-            code = replay_files(options, &stack);
-            stop_debugger();
-        }
-    } else {
-        fprintf(stderr, "zarn: the heap calls of the module can't be counted\n");
-        code = kExitModule;
-    }
-    if (!unload_protocol_stack(&stack) || !kernel_is_empty()) code = kExitFault;
-    if (fflush(stdout) != 0 || ferror(stdout)) {
-        fprintf(stderr, "zarn: can't write the report\n");
-        if (code == kExitOk) code = kExitInput;
-    }
-    return code;
+    return run_protocols(options.run, [&](protocol_stack *stack) { return replay_files(options, stack); });
 }

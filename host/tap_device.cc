@@ -75,6 +75,7 @@ void transmit(const sample_device *device, zarn_data_t *frame) {
     constexpr uint32_t kPieces = 256;  // a frame in more, each a few bytes, is cheaper to gather here
     tap_device *tap = tap_of(device);
     zarn_util_module_t *util = tap->slots.util;
+    profile_bracket bracket(tap->stack, "zarn", "transmit");
     uint32_t length = frame->length;
     if (length > device->mtu + kEthernetHeader ||
         (util->count_zarn_data_iovecs(frame) > kPieces && util->coalesce_zarn_data(frame, 0, length) != 0)) {
@@ -280,8 +281,9 @@ bool open_tap_device(tap_device *tap, const tap_settings &settings) {
     return false;
 }
 
-bool create_tap_slots(tap_device *tap, zarn_util_module_t *util) {
-    if (create_frame_slots(&tap->slots, util, kDeviceSlots) == 0) return true;
+bool create_tap_slots(tap_device *tap, const protocol_stack *stack) {
+    tap->stack = stack;
+    if (create_frame_slots(&tap->slots, stack->util, kDeviceSlots) == 0) return true;
     fprintf(stderr, "zarn: no memory for received frames\n");
     return false;
 }
@@ -325,6 +327,7 @@ bool wait_for_tap(tap_device *tap) {
 tap_read read_tap_frame(tap_device *tap, zarn_data_t **out) {
     static uint8_t
         waste[kSlotBytes];  // where a frame goes that has no slot, so that the device's queue moves on
+    profile_bracket bracket(tap->stack, "zarn", "receive");
     uint8_t *slot = take_slot(&tap->slots);
     uint8_t *bytes = slot != nullptr ? slot : waste;
     const ssize_t got = read(tap->fd, bytes, kSlotBytes);

@@ -14,6 +14,7 @@
 
 #include "examples/modules/sample_protocol.h"
 #include "host/frame_slots.h"
+#include "host/protocol_stack.h"
 
 // 8 MiB: what dozens of connections have on their way at a time, each with a window of 64 KiB, or the parts
 // of 90 datagrams of the greatest length.
@@ -39,6 +40,7 @@ struct tap_device {
     int attention_fd = -1;   // an eventfd
     uint32_t attention = 0;  // atomic: 1 from the request to the look
     frame_slots slots = {};
+    const protocol_stack *stack = nullptr;   // that the slots are for
     struct pcap_dumper *recorder = nullptr;  // null: nothing is recorded
     std::string recorder_path;
     bool record_failed = false;
@@ -57,7 +59,7 @@ struct tap_settings {
 bool open_tap_device(tap_device *tap, const tap_settings &settings);
 
 // Makes the slots. False without memory.
-bool create_tap_slots(tap_device *tap, zarn_util_module_t *util);
+bool create_tap_slots(tap_device *tap, const protocol_stack *stack);
 
 // Returns how many slots are still out.
 int32_t delete_tap_slots(tap_device *tap);
