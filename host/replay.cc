@@ -2,6 +2,7 @@
 #include "host/replay.h"
 
 #include <getopt.h>
+#include <malloc.h>
 
 #include <algorithm>
 #include <charconv>
@@ -258,6 +259,11 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
 }
 
+uint64_t heap_bytes_in_use() {
+    const struct mallinfo2 heap = mallinfo2();
+    return heap.uordblks + heap.hblkhd;
+}
+
 // Replays the files. Returns an exit code.
 int replay_files(const replay_options &options, const protocol_stack *stack) {
     endpoint_client client;
@@ -278,6 +284,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
         if (stop_requested()) break;
         replay_file(path, &options, &pipeline, &client, &result);
         result.pools = measure_pools(stack->util);
+        result.heap_bytes = heap_bytes_in_use();
         print_file_result(options.style, result);
         if (!result.error.empty()) code = kExitInput;
         unloadable += result.protocols.unloadable;

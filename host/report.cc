@@ -311,7 +311,7 @@ void print_json(const report_style &style, const file_result &result) {
         print_json_protocol(", ", other.name, other.counts, kOptionalChecksum);
     printf("}, ");
     print_json_connections(result);
-    printf(", \"pools\": {");
+    printf(", \"heap_bytes\": %" PRIu64 ", \"pools\": {", result.heap_bytes);
     for (int i = 0; i < kPools; i++) {
         const pool_state &pool = result.pools[i];
         printf("%s\"%s\": {\"block_size\": %" PRIu32 ", \"blocks\": %" PRIu32 ", \"out\": %" PRIu32

@@ -29,7 +29,9 @@ struct file_result {
     dma_counts dma;
     protocol_counts protocols = {};
     connection_totals connections = {};
-    std::array<pool_state, kPools> pools = {};  // when the file was done
+    // When the file was done:
+    std::array<pool_state, kPools> pools = {};
+    uint64_t heap_bytes = 0;  // of the whole program
 };
 
 enum class report_format { kTable, kTsv, kJson };
