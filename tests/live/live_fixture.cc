@@ -131,4 +131,4 @@ void on_any_wire::TearDown() {
 
 INSTANTIATE_TEST_SUITE_P(live, on_any_wire,
                          testing::Values(wire{"good", true, {}}, wire{"bad", false, {10, 20, 50}}),
-                         [](const auto &each) { return each.param.name; });
+                         [](const auto &each) { return testing::PrintToString(each.param); });

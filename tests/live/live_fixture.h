@@ -62,6 +62,7 @@ struct wire {
     const char *name;
     bool good;
     relay_rates rates;
+    friend void PrintTo(const wire &each, std::ostream *out) { *out << each.name; }
 };
 class on_any_wire : public live, public testing::WithParamInterface<wire> {
  protected:
