@@ -22,6 +22,7 @@
 namespace {
 
 constexpr uint32_t kEthernetHeader = 14;
+constexpr char kTunDevice[] = "/dev/net/tun";
 // A slot that a frame fills to its end may not hold all of it.
 constexpr uint32_t kMostMtu = kSlotBytes - 1 - kEthernetHeader;
 
@@ -133,15 +134,31 @@ bool interface_exists(const std::string &name) {
     return exists;
 }
 
+// Whether the interface is one that this user may open.
+bool is_own_interface(const std::string &name) {
+    long owner = -1;
+    if (FILE *file = fopen(("/sys/class/net/" + name + "/owner").c_str(), "r")) {
+        if (fscanf(file, "%ld", &owner) != 1) owner = -1;
+        fclose(file);
+    }
+    return owner == static_cast<long>(geteuid());
+}
+
 void print_grant(const tap_settings &settings) {
     const passwd *user = getpwuid(geteuid());
     const std::string who = user != nullptr ? user->pw_name : std::to_string(geteuid());
-    const char *name = settings.name.c_str();
-    fprintf(stderr, "zarn: no right to open %s; this grants it:\n\n  sudo sh -c '", name);
-    if (interface_exists(settings.name)) fprintf(stderr, "ip tuntap del dev %s mode tap && ", name);
-    fprintf(stderr, "ip tuntap add dev %s mode tap user %s && ", name, who.c_str());
-    fprintf(stderr, "ip addr add %s/%u dev %s && ip link set dev %s up'\n\n",
-            tap_peer_address(settings).c_str(), settings.prefix, name, name);
+    const std::string device = " dev " + settings.name, tap = device + " mode tap";
+    std::string steps;
+    const bool closed = access(kTunDevice, R_OK | W_OK) != 0;
+    if (closed) steps += std::string(" && chmod 0666 ") + kTunDevice;
+    if (!closed || !is_own_interface(settings.name)) {
+        if (interface_exists(settings.name)) steps += " && ip tuntap del" + tap;
+        steps += " && ip tuntap add" + tap + " user " + who + " && ip addr add " +
+                 tap_peer_address(settings) + "/" + std::to_string(settings.prefix) + device +
+                 " && ip link set" + device + " up";
+    }
+    fprintf(stderr, "zarn: no right to open %s; this grants it:\n\n  sudo sh -c '%s'\n\n",
+            settings.name.c_str(), steps.substr(strlen(" && ")).c_str());
 }
 
 // Tells why the device can't be had.
@@ -175,7 +192,7 @@ void print_open_error(const tap_settings &settings, int error) {
 
 // 0, or the error.
 int open_interface(const std::string &name, int *fd) {
-    *fd = open("/dev/net/tun", O_RDWR | O_NONBLOCK | O_CLOEXEC);
+    *fd = open(kTunDevice, O_RDWR | O_NONBLOCK | O_CLOEXEC);
     if (*fd < 0) return errno;
     interface_request of(name);
     of.request.ifr_flags = IFF_TAP | IFF_NO_PI;
