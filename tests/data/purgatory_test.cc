@@ -185,35 +185,4 @@ TEST_F(purgatory_test, TheStopIsNotFooledByTheWakeUpOfAThreadThatIsNotInLineYet)
     }
 }
 
-int32_t gGate;
-void wait_at_gate(void *) {
-    kern_sem_acquire(gGate);
-}
-
-TEST_F(purgatory_test, NobodyReleasesAUnitForAThreadAtWork) {
-    gGate = kern_sem_create(0, "gate");
-    for (int i = 0; i < 9; ++i) {
-        zarn_data_t *data = buffer(i, i);
-        if (i == 4) add_free_element(data, &numbers[0], nullptr, wait_at_gate, 0);
-        isafe_delete(data);
-    }
-    test_kernel::wait_until_blocked("gate");
-    int32_t calls = test_kernel::sem_calls();
-    for (int i = 9; i < 30; ++i)
-        isafe_delete(buffer(i, i));
-    stopping_point last("sem_release", kName);
-    stopper stop_now;
-    wait_for_sleep();
-    EXPECT_EQ(test_kernel::sem_calls(), calls + 1) << "the stop's own acquire";
-    kern_sem_release(gGate);
-    last.wait();
-    EXPECT_EQ(gFrees.size(), 30u);
-    EXPECT_EQ(gPurgy.sleeping, 0);
-    EXPECT_FALSE(stop_now.returned);
-    last.go_on();
-    stop_now.expect_end();
-    running = false;
-    kern_sem_delete(gGate);
-}
-
 }  // namespace

@@ -26,13 +26,10 @@ struct spoiling {
 
 const spoiling kSpoilings[] = {
     {"the length is not the sum of the pieces", [](parts &p) { p.data->length++; }},
-    {"the length is not the sum of the pieces", [](parts &p) { p.node->len--; }},
-    {"the length is not the sum of the pieces", [](parts &p) { p.data->datalist = nullptr; }},
     {"the count of a pool is out of range", [](parts &p) { p.pool->n = NODE_POOL_NODES + 1; }},
     {"the count of a pool is out of range", [](parts &p) { p.data->first_pool.n = -1; }},
     {"a node is none that this buffer has taken", [](parts &p) { p.pool->n++; }},
     {"a node is none that this buffer has taken", [](parts &p) { p.node->next = &pool_nodes(p.pool)[0]; }},
-    {"a node is none that this buffer has taken", [](parts &p) { p.data->nodepools = &p.data->first_pool; }},
     {"a node is none that this buffer has taken",
      [](parts &p) { p.data->freelist = reinterpret_cast<mem_node *>(p.data); }},
     {"the chain of pools ends before first_pool", [](parts &p) { p.pool->next = nullptr; }},
