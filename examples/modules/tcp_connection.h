@@ -144,7 +144,9 @@ static inline int fin_acknowledged(const tcp_connection *c) {
 // tcp_host.c
 extern const sample_device *gDevice;
 extern const sample_protocol_module *gBelow;
-extern int64_t gNow;  // on the kernel's clock; read once for each entry of the module
+extern uint32_t gConnections;  // that are not closed
+extern int gCramped;           // somebody's window is narrow for want of frames
+extern int64_t gNow;           // on the kernel's clock; read once for each entry of the module
 void schedule(tcp_connection *c);
 void ask_to_attend(tcp_connection *c);                   // the same, from outside of a batch
 void end_connection(tcp_connection *c, uint32_t value);  // the record goes if nobody has an endpoint for it

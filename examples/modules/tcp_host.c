@@ -14,6 +14,7 @@
 enum {
     kBuckets = 1024,
     kMostTimeWaits = 256,
+    kAmpleRoom = 64,
     kSmallestSegment = 64,
     kDefaultSegment = 536,
     kWidestShift = 14
@@ -21,6 +22,8 @@ enum {
 
 const sample_device *gDevice;
 const sample_protocol_module *gBelow;
+uint32_t gConnections;
+int gCramped;
 int64_t gNow;
 
 static uint64_t gKey[2];
@@ -122,6 +125,7 @@ void end_connection(tcp_connection *c, uint32_t value) {
     const sample_connection *facts = &c->facts;
     *link_to(facts->client, facts->client_port, facts->server_port) = c->next;
     if (c->state == kTimeWait) gTimeWaits--;
+    gConnections--;
     c->state = kClosed;
     c->owes_ack = 0;
     clear_queue(&c->outgoing);
@@ -201,6 +205,7 @@ static void begin_connection(const segment *in, zarn_data_t *data, zarn_endpoint
     read_options(header, in->header, c);
 
     *link_to(peer, in->source_port, in->destination_port) = c;
+    gConnections++;
     send_syn_ack(c);
     schedule(c);
 }
@@ -292,6 +297,11 @@ static void attend(void) {
     gNow = read_clock();
     gAttending = 1;
     run_deadlines();
+    // Nobody else tells the peers that there are frames again.
+    if (gCramped && gDevice->room(gDevice) >= kAmpleRoom) {
+        gCramped = 0;
+        visit_connections(schedule);
+    }
     while (gWork != NULL) {
         tcp_connection *c = gWork;
         tell_client(c);

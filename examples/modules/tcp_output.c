@@ -51,11 +51,13 @@ static void send_segment(zarn_data_t *data, const header *out) {
     gBelow->host->send(data, &out->to);
 }
 
-// How far the peer might send: as much as there is room for, in bytes and in frames.
+// How far the peer might send: as much as there is room for, in bytes and in frames. Frames are shared out
+// among the connections, several times over, because few are busy at once.
 static uint32_t end_of_room(const tcp_connection *c) {
     uint32_t bytes = kReceiveBytes - least(c->received.bytes, kReceiveBytes);
     uint32_t pieces = kReceivePieces - least(c->received.pieces, kReceivePieces);
-    uint32_t segments = least(pieces, gDevice->room(gDevice));
+    uint32_t frames = gDevice->room(gDevice);
+    uint32_t segments = least(pieces, least(frames, frames * 4 / gConnections + 1));
     if (segments < kReceiveBytes / c->segment_size) bytes = least(bytes, segments * c->segment_size);
     return c->next_expected + bytes;
 }
@@ -64,6 +66,7 @@ static uint32_t end_of_room(const tcp_connection *c) {
 // peer send in slivers [RFC 9293, 3.8.6.2.2]. The field is rounded down; what was allowed before stays so.
 static uint16_t offer_window(tcp_connection *c) {
     uint32_t end = end_of_room(c);
+    if (end - c->next_expected < kReceiveBytes - least(c->received.bytes, kReceiveBytes)) gCramped = 1;
     if (after(c->next_expected, c->window_end)) c->window_end = c->next_expected;
     if (!after(c->window_end + c->segment_size, end)) c->window_end = end;
     return (uint16_t)least((c->window_end - c->next_expected) >> c->own_shift, kWindowField);
