@@ -26,12 +26,21 @@
 
 #include "bench/live/machine_host.h"
 #include "tests/live/network.h"
+#include "tests/live/relay.h"
 #include "tests/live/traffic.h"
 
 namespace {
 
 constexpr int kSkipped = 77;
-constexpr char kZarn[] = "10.9.0.2", kMachine[] = "10.8.0.2";
+// The hosts that are measured: all with the address 2 of their network, this side with 1.
+enum { kZarn, kForwarded, kMachine, kLanes };
+const struct {
+    const char *name, *device, *network;  // `device` is this side's
+} kLane[kLanes] = {
+    {"zarn", "z0", "10.7.0."},
+    {"zarn, forwarded", "f0", "10.8.0."},
+    {"machine, forwarded", "m0", "10.9.0."},
+};
 
 bool shortened;  // every measurement for a moment only
 
@@ -132,19 +141,37 @@ const struct {
     {"TCP discard, 256 MiB", "MiB/s", discard_stream},
 };
 
-pid_t start_zarn() {
+pid_t start_zarn(const std::string &tap, const std::string &address) {
     fflush(nullptr);
     pid_t child = fork();
     if (child == 0) {
         prctl(PR_SET_PDEATHSIG, SIGKILL);
         if (freopen("/dev/null", "w", stdout) == nullptr) _exit(126);
-        execl(ZARN_PROGRAM, ZARN_PROGRAM, "attach", "--tap", "z0", "--address", "10.9.0.2/24", nullptr);
+        execl(ZARN_PROGRAM, ZARN_PROGRAM, "attach", "--tap", tap.c_str(), "--address", address.c_str(),
+              nullptr);
         _exit(127);
     }
-    for (int i = 0; if_nametoindex("z0") == 0; i++) {
+    for (int i = 0; if_nametoindex(tap.c_str()) == 0; i++) {
         if (i == 1000 || waitpid(child, nullptr, WNOHANG) != 0) give_up("'zarn attach' made no device");
         usleep(10000);
     }
+    return child;
+}
+
+// A process that carries frames between `device`, which has no address here, and the new TAP device `tap`.
+pid_t start_forwarder(const std::string &tap, const std::string &device) {
+    if (run_tool("ip link set " + device + " arp off up").code != 0) give_up("can't bring up " + device);
+    int one = open_tap(tap), other = open_packets(device);
+    if (one < 0 || other < 0) give_up("can't open " + tap + " and " + device);
+    pid_t child = fork();
+    if (child == 0) {
+        prctl(PR_SET_PDEATHSIG, SIGKILL);
+        relay carrier(one, other);
+        for (;;)
+            pause();
+    }
+    close(one);
+    close(other);
     return child;
 }
 
@@ -166,31 +193,42 @@ int main(int argc, char **argv) {
         fprintf(stderr, "live_bench: %s\n", reason.c_str());
         return kSkipped;
     }
-    pid_t zarn = start_zarn(), machine = start_machine_host("m0", "10.8.0.2/24");
-    if (machine < 0) give_up("the machine's own stack does not serve");
-    tool_result ready = run_tool(
-        "ip addr add 10.9.0.1/24 dev z0 && ip addr add 10.8.0.1/24 dev m0 && ip link set z0 up && ip link "
-        "set m0 up");
-    if (ready.code != 0) give_up(ready.out);
+    pid_t zarn[] = {start_zarn("z0", "10.7.0.2/24"), start_zarn("y0", "10.8.0.2/24")};
+    pid_t carriers[] = {start_forwarder("f0", "y0"), start_machine_host("m0", "10.9.0.2/24")};
+    if (carriers[1] < 0) give_up("the machine's own stack does not serve");
+    for (const auto &lane : kLane) {
+        const std::string device = lane.device, network = lane.network;
+        tool_result ready =
+            run_tool("ip addr add " + network + "1/24 dev " + device + " && ip link set " + device + " up");
+        if (ready.code != 0) give_up(ready.out);
+    }
 
-    printf("%-22s %-14s %30s %30s %6s\n", "median (min to max)", "", "zarn", "machine's own stack", "ratio");
+    printf("%-21s %-13s", "median (min to max)", "");
+    for (const auto &lane : kLane)
+        printf(" %26s", lane.name);
+    printf(" %14s\n", "ratios");
     for (const auto &measurement : kMeasurements) {
-        std::vector<double> rates[2];
+        std::vector<double> rates[kLanes];
         for (int i = 0; i < repetitions; i++) {
-            rates[0].push_back(measurement.measure(kZarn));
-            rates[1].push_back(measurement.measure(kMachine));
+            for (int lane = 0; lane < kLanes; lane++)
+                rates[lane].push_back(measurement.measure((kLane[lane].network + std::string("2")).c_str()));
         }
-        double middle[] = {median(rates[0]), median(rates[1])};
-        printf("%-22s %-14s", measurement.name, measurement.unit);
-        for (int i = 0; i < 2; i++)
-            printf(" %9.0f (%7.0f to %7.0f)", middle[i], rates[i].front(), rates[i].back());
-        printf(" %6.2f\n", middle[0] / middle[1]);
+        double middle[kLanes];
+        printf("%-21s %-13s", measurement.name, measurement.unit);
+        for (int lane = 0; lane < kLanes; lane++) {
+            middle[lane] = median(rates[lane]);
+            printf(" %7.0f (%6.0f to %6.0f)", middle[lane], rates[lane].front(), rates[lane].back());
+        }
+        printf(" %7.2f %6.2f\n", middle[kZarn] / middle[kMachine], middle[kForwarded] / middle[kMachine]);
         fflush(stdout);
     }
-    kill(machine, SIGKILL);
-    kill(zarn, SIGTERM);
-    int status = 0;
-    waitpid(zarn, &status, 0);
-    if (status != 0) give_up("'zarn attach' did not end well");
+    for (pid_t each : carriers)
+        kill(each, SIGKILL);
+    for (pid_t each : zarn) {
+        int status = 0;
+        kill(each, SIGTERM);
+        waitpid(each, &status, 0);
+        if (status != 0) give_up("'zarn attach' did not end well");
+    }
     return 0;
 }
