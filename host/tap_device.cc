@@ -10,6 +10,7 @@
 #include <pwd.h>
 #include <sys/eventfd.h>
 #include <sys/ioctl.h>
+#include <sys/random.h>
 #include <sys/socket.h>
 #include <sys/time.h>
 #include <sys/uio.h>
@@ -18,6 +19,8 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstring>
+
+#include "platform/kern.h"
 
 namespace {
 
@@ -117,6 +120,10 @@ uint32_t count_room(const sample_device *device) {
 void request_attention(const sample_device *device) {
     tap_device *tap = tap_of(device);
     if (__atomic_exchange_n(&tap->attention, 1, __ATOMIC_ACQ_REL) == 0) eventfd_write(tap->attention_fd, 1);
+}
+
+int64_t read_time(const sample_device *) {
+    return kern_time_us();
 }
 
 // Opening
@@ -284,9 +291,15 @@ bool open_tap_device(tap_device *tap, const tap_settings &settings) {
     tap->device.transmit = transmit;
     tap->device.room = count_room;
     tap->device.request_attention = request_attention;
+    tap->device.now = read_time;
     const int error = open_interface(settings.name, &tap->fd);
     if (error != 0) {
         print_open_error(settings, error);
+        return false;
+    }
+    if (getentropy(tap->device.secret, sizeof(tap->device.secret)) != 0) {
+        fprintf(stderr, "zarn: no random numbers: %s\n", strerror(errno));
+        close_tap_device(tap);
         return false;
     }
     tap->attention_fd = eventfd(0, EFD_NONBLOCK | EFD_CLOEXEC);

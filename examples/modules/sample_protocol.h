@@ -82,6 +82,7 @@ typedef struct sample_device {
     uint8_t address[4];   // the host's IPv4 address on it, as on the wire
     uint32_t prefix;      // bits of `address` that name the network, 1 to 31: there is no way out of it
     uint32_t mtu;         // most bytes behind the Ethernet header
+    uint64_t secret[2];   // random: what an outsider must not guess is made of it
 
     // Sends a whole Ethernet frame and takes it over. A frame that the device has no room for is lost. On the
     // stack's thread.
@@ -94,6 +95,9 @@ typedef struct sample_device {
 
     // Has the stack's thread call `attend` of all protocols soon. Any thread.
     void (*request_attention)(const struct sample_device *device);
+
+    // Microseconds on a clock that only goes forward. Any thread.
+    int64_t (*now)(const struct sample_device *device);
 } sample_device;
 
 // Whom a packet goes to, as the layer that sends it names it.

@@ -186,9 +186,8 @@ void back_off(tcp_connection *c);  // time has run out
 uint32_t sendable_end(tcp_connection *c);
 
 // tcp_timer.c
-int start_timers(void);
-void stop_timers(void);
-int64_t read_clock(void);
+int start_timer(void);  // 0: no memory
+void stop_timer(void);
 void run_deadlines(void);
 void watch_deadline(tcp_connection *c);  // after its times have changed
 void arm_timer(void);

@@ -4,8 +4,7 @@
 // listeners, refuses what belongs to nobody, and sees that everybody's work is done behind each batch.
 //
 // The numbers that connections start with are those of RFC 6528: a clock, and a keyed hash of the two ends.
-// The key comes from where the system has put the module, its heap and its stack, and from the time: that is
-// all there is to be had, and keeps out guessers, not somebody who can read this machine's memory.
+// The key is the device's secret.
 
 #include "tcp_connection.h"
 
@@ -26,7 +25,6 @@ uint32_t gConnections;
 int gCramped;
 int64_t gNow;
 
-static uint64_t gKey[2];
 static tcp_connection *gBuckets[kBuckets];
 static uint32_t gTimeWaits;
 static tcp_connection *gWork, **gWorkEnd = &gWork;
@@ -52,8 +50,9 @@ static void mix(uint64_t v[4], int rounds) {
 // SipHash-2-4 of a peer and the two ports; the host's address is always the same.
 static uint32_t hash_ends(const uint8_t *peer, uint16_t peer_port, uint16_t own_port) {
     uint64_t word = (uint64_t)read32(peer) << 32 | (uint64_t)peer_port << 16 | own_port;
-    uint64_t v[4] = {gKey[0] ^ 0x736f6d6570736575u, gKey[1] ^ 0x646f72616e646f6du,
-                     gKey[0] ^ 0x6c7967656e657261u, gKey[1] ^ 0x7465646279746573u};
+    const uint64_t *key = gDevice->secret;
+    uint64_t v[4] = {key[0] ^ 0x736f6d6570736575u, key[1] ^ 0x646f72616e646f6du, key[0] ^ 0x6c7967656e657261u,
+                     key[1] ^ 0x7465646279746573u};
     v[3] ^= word;
     mix(v, 2);
     v[0] ^= word;
@@ -224,7 +223,7 @@ static void meet_stranger(const segment *in, zarn_data_t *data, const uint32_t *
 
 // The network layer hands up what another host has sent to this one, and nothing else.
 void receive_segment(const segment *in, zarn_data_t *data) {
-    gNow = read_clock();
+    gNow = gDevice->now(gDevice);
     tcp_connection *c = *link_to(in->network->source, in->source_port, in->destination_port);
     uint32_t used, *first = NULL;
     if (c != NULL && c->state == kTimeWait && (in->flags & (kSyn | kAck | kReset)) == kSyn &&
@@ -251,7 +250,7 @@ void release_endpoint(proto_node *node) {
         return;
     }
     if (c->state != kClosed) {
-        gNow = read_clock();
+        gNow = gDevice->now(gDevice);
         send_reset(c);
         end_connection(c, SAMPLE_CLOSED);
     } else {
@@ -267,13 +266,11 @@ static int32_t attach(const sample_device *device, const sample_protocol_module 
     if (below == NULL || below->host == NULL) return ERR_BAD_VALUE;
     gDevice = device;
     gBelow = below;
-    if (!start_timers()) {
+    if (!start_timer()) {
         gDevice = NULL;
         return ERR_NO_MEMORY;
     }
-    gNow = read_clock();
-    gKey[0] = (uint64_t)gNow << 20 ^ (uintptr_t)&below ^ (uint64_t)(uintptr_t)device << 7;
-    gKey[1] = (uint64_t)(uintptr_t)gUtil << 24 ^ (uintptr_t)&gKey ^ (uint64_t)gNow * 0x9e3779b97f4a7c15u;
+    gNow = device->now(device);
     return 0;
 }
 
@@ -283,7 +280,7 @@ static void forget(tcp_connection *c) {
 
 static void detach(void) {
     visit_connections(forget);
-    stop_timers();
+    stop_timer();
     gDevice = NULL;
 }
 
@@ -294,7 +291,7 @@ void ask_to_attend(tcp_connection *c) {
 }
 
 static void attend(void) {
-    gNow = read_clock();
+    gNow = gDevice->now(gDevice);
     gAttending = 1;
     run_deadlines();
     // Nobody else tells the peers that there are frames again.

@@ -7,8 +7,6 @@
 // to do; acknowledgements mostly put that off, and then the moment passes, all are looked at, and the next
 // one is found. So a segment costs no timer operation, and no connection a deletion that waits for the timer
 // thread. The hook runs on that thread and does nothing but call for attention.
-//
-// Only the table has the time: a second timer, which never fires, tells its appointment.
 
 #include "tcp_connection.h"
 
@@ -16,7 +14,6 @@
 #define FIN_WAIT (60 * SECOND)
 #define IDLE (120 * SECOND)
 #define PROBE_GAP (10 * SECOND)
-#define FAR_AWAY (INT64_C(1) << 60)
 
 enum {
     kSynAcks = 4,  // sent again before a half-open connection makes room: 31 seconds
@@ -25,7 +22,7 @@ enum {
     kWidestShift = 7
 };
 
-static zarn_timer_t *gTimer, *gClock;
+static zarn_timer_t *gTimer;
 static int64_t gEarliest;  // no connection has anything to do before; NEVER: none has
 static int64_t gArmedFor;  // NEVER: the timer is idle, or for a moment that has passed
 
@@ -35,24 +32,15 @@ static void ask_for_attention(zarn_timer_t *timer, void *device) {
     asked->request_attention(asked);
 }
 
-int start_timers(void) {
+int start_timer(void) {
     gTimer = gUtil->create_zarn_timer(ask_for_attention, (void *)(uintptr_t)gDevice);
-    gClock = gUtil->create_zarn_timer(ask_for_attention, (void *)(uintptr_t)gDevice);
     gEarliest = gArmedFor = NEVER;
-    if (gTimer != NULL && gClock != NULL) return 1;
-    stop_timers();
-    return 0;
+    return gTimer != NULL;
 }
 
-void stop_timers(void) {
-    if (gTimer != NULL) gUtil->delete_zarn_timer(gTimer);
-    if (gClock != NULL) gUtil->delete_zarn_timer(gClock);
-    gTimer = gClock = NULL;
-}
-
-int64_t read_clock(void) {
-    gUtil->zarn_set_timer(gClock, FAR_AWAY, 1);
-    return gUtil->zarn_timer_appointment(gClock) - FAR_AWAY;
+void stop_timer(void) {
+    gUtil->delete_zarn_timer(gTimer);
+    gTimer = NULL;
 }
 
 // When a connection is looked at that hears nothing.

@@ -343,9 +343,11 @@ class tcp_test : public kernel_test {
         {10, 9, 9, 2},
         24,
         140,
+        {1, 2},
         nullptr,
         [](const sample_device *) { return self_->room_; },
-        [](const sample_device *) { __atomic_store_n(&self_->attention_, 1, __ATOMIC_SEQ_CST); }};
+        [](const sample_device *) { __atomic_store_n(&self_->attention_, 1, __ATOMIC_SEQ_CST); },
+        [](const sample_device *) { return kern_time_us(); }};
 };
 
 const std::string kMade = ">S:0 <SA:0/1 >A:1/1 !ready ";
