@@ -56,26 +56,26 @@ TEST_F(live, recovers_from_a_backlog_that_overflows) {
 }
 
 TEST_F(live, outlives_peers_that_vanish) {
+    constexpr uint64_t kBytes = 6 << 20;  // of each of four streams: more than 30,000 frames in all
     relay_rates none = {};
     start(&none);
-    std::atomic<bool> done = false;
+    auto cut_behind = [&](uint64_t frames) {
+        EXPECT_TRUE(comes([&, goal = wire_->carried + frames] { return wire_->carried > goal; }));
+        wire_->cut(true);
+    };
     {
-        background traffic([&] {
-            EXPECT_EQ(echo_streams(kHost, 4, 6 << 20), "");
-            done = true;
+        background traffic([] {
+            EXPECT_EQ(echo_streams(kHost, 4, kBytes), "");
             return 0;
         });
-        for (int i = 0; i < 2; i++) {
-            nap(50);
-            EXPECT_FALSE(done);
-            wire_->cut(true);
+        for (uint64_t frames : {1000, 5000}) {
+            cut_behind(frames);
             nap(600);
             wire_->cut(false);
         }
     }
-    background traffic([] { return echo_streams(kHost, 4, 6 << 20, {.patience_ms = 500}).empty(); });
-    nap(50);
-    wire_->cut(true);
+    background traffic([] { return echo_streams(kHost, 4, kBytes, {.patience_ms = 500}).empty(); });
+    cut_behind(1000);
     EXPECT_EQ(traffic.join(), false) << "all of it has come through a cut wire";
     stop(SIGTERM);
 }
