@@ -16,16 +16,20 @@
 namespace {
 
 TEST_P(on_any_wire, ping) {
-    for (int size : {0, 1, 1471, 1472, 1473, 4000, 65507}) {
-        std::string out = run_tool("ping -c " + std::string(good() ? "3" : "20") + " -i 0.005 -W 0.5 -s " +
-                                   std::to_string(size) + " " + kHost)
-                              .out;
-        EXPECT_TRUE(contains(out, good() ? " 0% packet loss" : " bytes from ")) << out;
-        EXPECT_FALSE(contains(out, "wrong data") || contains(out, "truncated")) << out;
-    }
-    std::string count = std::to_string((good() ? 10000 : 2000) / kPart);
-    std::string out = run_tool("ping -q -f -c " + count + " " + kHost).out;
-    EXPECT_TRUE(contains(out, good() ? count + " received, 0% packet loss" : " received, ")) << out;
+    // Behind its last request ping waits for two round trips only, however busy the machine is, so a good
+    // wire gets another chance; on a bad one something has to come back.
+    auto ping = [&](const std::string &how) {
+        std::string out;
+        for (int i = 0; i < 3 && !contains(out, " 0% packet loss"); i++) {
+            out = run_tool("ping " + how + " " + kHost).out;
+            EXPECT_FALSE(contains(out, "wrong data") || contains(out, "truncated")) << out;
+            if (!good()) break;
+        }
+        EXPECT_EQ(contains(out, good() ? " 0% packet loss" : " 0 received"), good()) << out;
+    };
+    for (int size : {0, 1, 1471, 1472, 1473, 4000, 65507})
+        ping((good() ? "-c 3 -i 0.02 -s " : "-c 20 -i 0.005 -W 0.5 -s ") + std::to_string(size));
+    ping("-q -f -c " + std::to_string((good() ? 10000 : 2000) / kPart));
 }
 
 TEST_P(on_any_wire, datagrams) {
