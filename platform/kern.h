@@ -210,7 +210,9 @@ int32_t kern_module_release(const char *path);
 typedef int32_t (*kern_debug_command)(int32_t argc, char **argv);
 
 // Registers a debugger command: `argv[0]` is its name, and `argc` is 1 or more. Commands take no locks,
-// because they run with the machine stopped. The module ignores the result. Thread level.
+// because they run with the machine stopped. The module ignores the result. It may register a command again
+// that is there already: a failure, or the same command once more, but one remove ends it, because its code
+// may be unmapped behind that. Thread level.
 int32_t kern_debug_add_command(const char *name, kern_debug_command function, const char *help);
 
 // Removes it; a failure, and nothing else, if no command of this name has this function. Thread level.
