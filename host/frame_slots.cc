@@ -67,8 +67,8 @@ int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t
 }
 
 int32_t delete_frame_slots(frame_slots *slots) {
-    int32_t out = __atomic_load_n(&slots->slots_out, __ATOMIC_ACQUIRE) +
-                  __atomic_load_n(&slots->pieces_out, __ATOMIC_ACQUIRE);
+    int32_t out = std::max(__atomic_load_n(&slots->slots_out, __ATOMIC_ACQUIRE),
+                           __atomic_load_n(&slots->pieces_out, __ATOMIC_ACQUIRE));
     if (out != 0 || slots->pool == nullptr) return out;
     slots->util->delete_mempool(slots->pool);
     free(slots->memory);

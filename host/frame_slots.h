@@ -39,7 +39,7 @@ enum class wrap_level { kThread, kInterrupt };
 // Returns 0 or ERR_NO_MEMORY.
 int32_t create_frame_slots(frame_slots *slots, zarn_util_module_t *util, int32_t count);
 
-// Returns how many slots and pieces are still out; the memory goes only when that is 0.
+// Returns how many slots are still out, or claimed by buffers that are; the memory goes only when that is 0.
 int32_t delete_frame_slots(frame_slots *slots);
 
 // Makes a buffer over a copy of the frame, with the length that it had on the wire in `user_word_1` and 0 in
