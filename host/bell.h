@@ -16,7 +16,7 @@
 #ifndef ZARN_HOST_BELL_H
 #define ZARN_HOST_BELL_H
 
-#include "platform/kern.h"
+#include "platform/hosted/hosted_kernel.h"
 
 struct bell {
     int32_t sem;
@@ -36,9 +36,13 @@ inline void announce_wait(bell *bell) {
     kern_fetch_or(&bell->waiting, 1);
 }
 
-// May come back early, when a signal arrives or now and then: the caller tries again.
-inline void wait_for_bell(bell *bell) {
-    kern_sem_acquire_ex(bell->sem, 1, KERN_SEM_INTERRUPTIBLE | KERN_SEM_RELATIVE_TIMEOUT, 100'000);
+constexpr int64_t kLongestWait = 100'000;  // usec
+
+// May come back early, when a signal arrives or now and then: the caller tries again. False when nobody has
+// rung for kLongestWait.
+inline bool wait_for_bell(bell *bell) {
+    return kern_sem_acquire_ex(bell->sem, 1, KERN_SEM_INTERRUPTIBLE | KERN_SEM_RELATIVE_TIMEOUT,
+                               kLongestWait) != KERN_ERR_TIMED_OUT;
 }
 
 // At any level.

@@ -19,7 +19,7 @@ enum class capture_status {
     kDamaged,      // holds a record or a block that cannot be
     kNotACapture,  // starts with no magic that is known
     kUnreadable,   // can't be opened or read
-    kStopped,      // sound as far as it was read; somebody asked to end
+    kStopped,      // sound as far as it was read; the reading was ended
 };
 
 // "ok", "cut", ...

@@ -10,9 +10,7 @@ enum exit_code {
     kExitInput = 1,   // an input could not be read to its end, or holds what the program can't use
     kExitUsage = 2,   // the command line makes no sense
     kExitModule = 3,  // a module can't be loaded
-    kExitFault =
-        4,  // a fault of the program or of a module: something was not given back at the end, or done
-            // wrong
+    kExitFault = 4,   // a fault of a module or of the program: something was not given back, or done wrong
 };
 
 #endif

@@ -33,7 +33,7 @@ void print_usage(FILE *stream) {
     fputs(
         "\n'zarn COMMAND --help' tells more.\n\n"
         "Exit status: 0 all is well; 1 a problem with an input; 2 wrong usage; 3 a module can't be loaded;\n"
-        "4 something was not given back at the end.\n",
+        "4 a module keeps what it has to give back, or does wrong.\n",
         stream);
 }
 

@@ -10,6 +10,7 @@
 namespace {
 
 constexpr int32_t kThreadPriority = 10;
+constexpr int32_t kStalledWaits = kStalledSeconds * 1'000'000 / kLongestWait;
 
 // In `user_word_2` of an empty buffer that follows the frames of a file; 0 in every frame.
 enum : uint32_t { kMarkDrained = 1, kMarkLeave = 2 };
@@ -18,16 +19,35 @@ bool is_full(int32_t status) {
     return status == ERR_NO_BUFFER_SPACE || status == ERR_WOULD_BLOCK;
 }
 
-// Calls `attempt` until it finds room, or once if nobody is to wait. The last result.
+// Whether anything can still make room: the consumer by what it has to do, others by giving slots back.
+bool is_alive(const frame_pipeline *pipeline, int32_t *fewest_out) {
+    const int32_t out = __atomic_load_n(&pipeline->slots.slots_out, __ATOMIC_RELAXED);
+    const bool came_back = out < *fewest_out;
+    if (came_back) *fewest_out = out;
+    return came_back || __atomic_load_n(&pipeline->consumer_works, __ATOMIC_RELAXED) ||
+           __atomic_load_n(&pipeline->fifo.current_bytes, __ATOMIC_RELAXED) != 0;
+}
+
+// Calls `attempt` until it finds room, or once if nobody is to wait. The last result: after a wait it tells of
+// no room when nothing has been alive for kStalledSeconds. Waits are counted, not time, which goes on while
+// the debugger has stopped everybody.
 template <typename Attempt>
-int32_t attempt_with_room(bell *room, bool wait, Attempt attempt) {
-    int32_t status = attempt();
-    while (wait && is_full(status)) {
+int32_t attempt_with_room(const frame_pipeline *pipeline, bell *room, bool wait, Attempt attempt) {
+    int32_t status = attempt(), fewest_out = INT32_MAX, dead_waits = 0;
+    while (wait && is_full(status) && dead_waits < kStalledWaits) {
         announce_wait(room);
         status = attempt();
-        if (is_full(status)) wait_for_bell(room);
+        if (!is_full(status)) break;
+        const bool rung = wait_for_bell(room);
+        dead_waits = is_alive(pipeline, &fewest_out) ? 0 : dead_waits + !rung;
     }
     return status;
+}
+
+// A mark has no slot: it comes through when all of them are out.
+int32_t make_mark(zarn_util_module_t *util, zarn_data_t **out) {
+    *out = util->new_zarn_data();
+    return *out != nullptr ? 0 : ERR_NO_MEMORY;
 }
 
 void count_drop(frame_pipeline *pipeline) {
@@ -45,6 +65,7 @@ int32_t consume(void *argument) {
         // Nothing interrupts this thread or deletes the FIFO under it: without a buffer there is only to
         // try again.
         if (util->dequeue_zarn_fifo_data(&pipeline->fifo, &data, KERN_TIMEOUT_FOREVER, 0) < 0) continue;
+        __atomic_store_n(&pipeline->consumer_works, true, __ATOMIC_RELAXED);
         mark = data->user_word_2;
         if (mark == 0) {
             if (pipeline->check_dma) check_dma(util, data, &pipeline->dma);
@@ -58,6 +79,7 @@ int32_t consume(void *argument) {
             ring_bell(&pipeline->fifo_room);
             ring_bell(&pipeline->wire_room);
         }
+        __atomic_store_n(&pipeline->consumer_works, false, __ATOMIC_RELAXED);
         if (mark != 0) kern_sem_release(pipeline->marks_sem);
     }
     return 0;
@@ -77,7 +99,9 @@ int32_t receive_staged(interrupt_side *side) {
     zarn_util_module_t *util = gInterruptSlots->util;
     if (!side->drop && ring_is_full(side)) return ERR_NO_BUFFER_SPACE;
     zarn_data_t *data;
-    int32_t status = wrap_frame(gInterruptSlots, side->frame, wrap_level::kInterrupt, &data);
+    int32_t status = side->mark != 0
+                         ? make_mark(util, &data)
+                         : wrap_frame(gInterruptSlots, side->frame, wrap_level::kInterrupt, &data);
     if (status != 0) return status;
     if (ring_is_full(side)) {
         util->isafe_delete_zarn_data(data);
@@ -121,7 +145,7 @@ int32_t receive(void *argument) {
         if (data == nullptr) continue;
         mark = data->user_word_2;
         ring_bell(&pipeline->wire_room);
-        int32_t status = attempt_with_room(&pipeline->fifo_room, mark != 0 || !pipeline->drop, [&] {
+        int32_t status = attempt_with_room(pipeline, &pipeline->fifo_room, mark != 0 || !pipeline->drop, [&] {
             return util->enqueue_zarn_fifo_data(&pipeline->fifo, data);
         });
         if (status != 0) {
@@ -151,24 +175,23 @@ int32_t receive_at_thread_level(frame_pipeline *pipeline, const captured_frame *
                                 bool wait) {
     zarn_util_module_t *util = pipeline->stack->util;
     zarn_data_t *data;
-    int32_t status = attempt_with_room(&pipeline->wire_room, wait, [&] {
+    int32_t status = attempt_with_room(pipeline, &pipeline->wire_room, wait, [&] {
+        if (mark != 0) return make_mark(util, &data);
         profile_bracket bracket(pipeline->stack, "zarn", "receive");
         return wrap_frame(&pipeline->slots, frame, wrap_level::kThread, &data);
     });
     if (status != 0) return status;
     data->user_word_2 = mark;
-    status = attempt_with_room(&pipeline->fifo_room, wait,
+    status = attempt_with_room(pipeline, &pipeline->fifo_room, wait,
                                [&] { return util->enqueue_zarn_fifo_data(&pipeline->fifo, data); });
     if (status != 0) util->delete_zarn_data(data);
     return status;
 }
 
 int32_t send(frame_pipeline *pipeline, const captured_frame *frame, uint32_t mark) {
-    static const captured_frame kNothing = {};
     bool wait = mark != 0 || !pipeline->drop;
-    if (mark != 0) frame = &kNothing;
     if (!pipeline->interrupts) return receive_at_thread_level(pipeline, frame, mark, wait);
-    return attempt_with_room(&pipeline->wire_room, wait,
+    return attempt_with_room(pipeline, &pipeline->wire_room, wait,
                              [&] { return interrupt_with(&pipeline->interrupt, frame, mark, !wait); });
 }
 
@@ -255,6 +278,7 @@ frame_fate offer_frame(frame_pipeline *pipeline, const captured_frame *frame) {
     int32_t status = send(pipeline, frame, 0);
     if (status == 0) return frame_fate::kTaken;
     if (!is_full(status)) return frame_fate::kNoMemory;
+    if (!pipeline->drop) return frame_fate::kStalled;
     count_drop(pipeline);
     return frame_fate::kDropped;
 }

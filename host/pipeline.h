@@ -8,6 +8,8 @@
 //
 // - One thread offers frames. When slots or the FIFO are full it waits for the consumer, or the frame is
 //   dropped.
+// - A consumer with nothing to do while slots are wanted makes no room any more: modules keep all of them.
+//   When none comes back for kStalledSeconds, the frame is refused.
 // - At interrupt level nothing waits and nothing reaches the heap or a lock: the handler takes what it can,
 //   and whoever offers the frame waits for room and raises the signal again. What is dropped there goes
 //   through `isafe_delete_zarn_data`.
@@ -29,7 +31,9 @@
 constexpr uint32_t kQueueBytes = 262144;
 constexpr uint32_t kRingSize = 64;
 
-enum class frame_fate { kTaken, kDropped, kNoMemory };
+constexpr int32_t kStalledSeconds = 5;
+
+enum class frame_fate { kTaken, kDropped, kNoMemory, kStalled };
 
 // What the interrupt handler works on. Its ring has one writer, the handler, and one reader, the thread that
 // the handler interrupts.
@@ -54,10 +58,11 @@ struct frame_pipeline {
     dma_counts dma;  // since the caller last set them to 0
     frame_slots slots;
     zarn_fifo_t fifo;
-    bell fifo_room;     // rung by the consumer; whoever fills the FIFO waits
-    bell wire_room;     // rung by the consumer and by the receiver thread; whoever offers frames waits
-    int32_t marks_sem;  // a unit for each mark that has come to its end
-    uint64_t dropped;   // atomic
+    bell fifo_room;       // rung by the consumer; whoever fills the FIFO waits
+    bell wire_room;       // rung by the consumer and by the receiver thread; whoever offers frames waits
+    bool consumer_works;  // atomic: it has a buffer
+    int32_t marks_sem;    // a unit for each mark that has come to its end
+    uint64_t dropped;     // atomic
     interrupt_side interrupt;
     int32_t threads_before;  // threads of the kernel when the first of ours was made
 };
@@ -67,6 +72,7 @@ struct frame_pipeline {
 bool start_pipeline(frame_pipeline *pipeline, const protocol_stack *stack, bool interrupts, bool drop,
                     bool check_dma);
 
+// Takes the frame's bytes over, by a copy, unless it is dropped or refused: kNoMemory, kStalled.
 frame_fate offer_frame(frame_pipeline *pipeline, const captured_frame *frame);
 
 // Waits until every frame that was taken has been through the protocols. Returns how many were dropped since

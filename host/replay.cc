@@ -46,14 +46,20 @@ constexpr char kUsage[] =
     "  --help         this text\n"
     "\n"
     "A file's status is ok, cut (it ends inside a record), damaged (it holds a record that cannot be),\n"
-    "not_a_capture, unreadable or stopped (by SIGINT or SIGTERM). Whatever was read before is counted.\n"
+    "not_a_capture, unreadable or stopped (by SIGINT or SIGTERM, or because there was no memory for the\n"
+    "next frame). Whatever was read before is counted.\n"
     "\n"
     "Exit status: 0 all is well; 1 a file could not be read to its end or holds frames that are not\n"
     "Ethernet, or the settings have a mistake; 2 wrong usage; 3 a module that is needed or named in the\n"
-    "settings can't be loaded; 4 something was not given back at the end, or was done at interrupt level\n"
-    "that must not be, or --dma has found a wrong map.\n";
+    "settings can't be loaded; 4 a module keeps all frames, or something was not given back at the end or\n"
+    "was done at interrupt level that must not be, or --dma has found a wrong map.\n";
 
 constexpr uint64_t kMostBacklog = 1'000'000;
+
+constexpr char kStalledText[] =
+    "the modules have all the memory for frames and have given none back for 5 s, the rest is left out; look "
+    "for a module that keeps its buffers, or that neither hands them on nor deletes them";
+static_assert(kStalledSeconds == 5);
 
 struct replay_options {
     run_options run;
@@ -183,6 +189,7 @@ struct file_replay {
     progress_line progress;
     frame_pacer pacer;
     uint64_t bad_frame;  // where in the file the trouble is, 0 when it is in no frame
+    bool stalled;        // the modules give no more frames back
 };
 
 void note_trouble(file_replay *replay, uint64_t frame, const std::string &what) {
@@ -214,10 +221,13 @@ bool offer_frames(file_replay *replay, capture_reader *reader, uint64_t round) {
                 note_trouble(replay, read, "the link type " + reader->link_name + " is not Ethernet");
             continue;
         }
-        if (offer_frame(replay->pipeline, &frame) == frame_fate::kNoMemory) {
-            note_trouble(replay, read, "out of memory, the rest is left out");
-            break;
-        }
+        const frame_fate fate = offer_frame(replay->pipeline, &frame);
+        if (fate == frame_fate::kTaken || fate == frame_fate::kDropped) continue;
+        result->status = capture_status::kStopped;
+        result->error.clear();  // frames that are not Ethernet are counted as well
+        replay->stalled = fate == frame_fate::kStalled;
+        note_trouble(replay, read, replay->stalled ? kStalledText : "out of memory, the rest is left out");
+        break;
     }
     result->not_ethernet += foreign;
     if (stop_requested()) {
@@ -229,13 +239,14 @@ bool offer_frames(file_replay *replay, capture_reader *reader, uint64_t round) {
     return result->status == capture_status::kOk && (result->error.empty() || foreign != 0);
 }
 
-// Runs all frames of one file through the protocols. `result->error` is empty when all is well.
-void replay_file(const char *path, const replay_options *options, frame_pipeline *pipeline,
+// Runs all frames of one file through the protocols. `result->error` is empty when all is well. False when
+// the modules give no more frames back.
+bool replay_file(const char *path, const replay_options *options, frame_pipeline *pipeline,
                  endpoint_client *client, file_result *result) {
     *result = {};
     result->path = path;
     int64_t start = kern_time_us();
-    file_replay replay = {options, pipeline, client, result, {}, {options->rate, start}, 0};
+    file_replay replay = {options, pipeline, client, result, {}, {options->rate, start}, 0, false};
     start_progress(&replay.progress, pipeline->stack->util, path);
     bool going = true;
     for (uint64_t round = 0; going && round < options->repeat; round++) {
@@ -257,6 +268,7 @@ void replay_file(const char *path, const replay_options *options, frame_pipeline
     result->protocols = flush_protocols(pipeline->stack);
     end_progress(&replay.progress);
     if (!result->error.empty()) print_input_error(path, replay.bad_frame, result->error);
+    return !replay.stalled;
 }
 
 uint64_t heap_bytes_in_use() {
@@ -277,12 +289,13 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     enter_debugger(options.run.debugger);
 
     int code = kExitOk;
+    bool flows = true;
     uint64_t unloadable = 0, wrong_maps = 0;
     file_result result;
     print_report_start(options.style);
     for (const char *path : options.files) {
-        if (stop_requested()) break;
-        replay_file(path, &options, &pipeline, &client, &result);
+        if (stop_requested() || !flows) break;
+        flows = replay_file(path, &options, &pipeline, &client, &result);
         result.pools = measure_pools(stack->util);
         result.heap_bytes = heap_bytes_in_use();
         print_file_result(options.style, result);
@@ -299,7 +312,7 @@ int replay_files(const replay_options &options, const protocol_stack *stack) {
     print_report_end(options.style, pools);
     if (options.run.profile) print_profile(options.style.format == report_format::kTable ? stdout : stderr);
     if (int known = run_debug_commands(options.run.debugger); code == kExitOk) code = known;
-    if (!pools_are_full(pools)) code = kExitFault;
+    if (!pools_are_full(pools) || !flows) code = kExitFault;
     if (wrong_maps != 0) {
         fprintf(stderr, "zarn: %" PRIu64 " buffers were not mapped for hardware as they are\n", wrong_maps);
         code = kExitFault;

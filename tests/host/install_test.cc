@@ -72,12 +72,12 @@ TEST(install, runs_the_module_of_the_document_which_says_what_a_leak_looks_like)
     const std::string &place = installation(), work = scratch_directory() + "/work";
     const std::string conf = read_file(ZARN_SOURCE_DIR "/examples/zarn.conf");
     write_file(work + "/echo.conf", std::string(conf).replace(conf.find("1 icmp"), 6, "1 echo"));
-    const auto replay = [&](int code) {
+    const auto replay = [&](int code, const std::string &options = "") {
         write_file(work + "/echo.c", source);
         run(std::string("cc -Wall -Wextra -Werror -shared -fPIC ") + kWidth + " -I" + place + "/include -o " +
             place + "/lib/zarn/modules/network/echo.so " + work + "/echo.c");
-        return run(place + "/bin/zarn replay --conf " + work +
-                       "/echo.conf " ZARN_SOURCE_DIR "/examples/captures/two-links.pcapng",
+        return run(place + "/bin/zarn replay --conf " + work + "/echo.conf " + options +
+                       ZARN_SOURCE_DIR "/examples/captures/two-links.pcapng",
                    code);
     };
     EXPECT_NE(replay(0).find("echo: 15 requests, 15 replies\n"), std::string::npos);
@@ -89,6 +89,11 @@ TEST(install, runs_the_module_of_the_document_which_says_what_a_leak_looks_like)
         EXPECT_NE(document.find(line), std::string::npos);
         EXPECT_NE(said.find(line), std::string::npos) << said;
     }
+    // More than there are.
+    const std::string stalled = replay(4, "--repeat 10 ");
+    for (const char *part : {"two-links.pcapng: frame ", "the modules have all the memory for frames",
+                             "zarn: 192 frames were not given back\n"})
+        EXPECT_NE(stalled.find(part), std::string::npos) << stalled;
 }
 
 TEST(install, comes_with_settings_that_load_and_keeps_those_of_its_user) {
