@@ -55,8 +55,8 @@ uint32_t sum_pieces(zarn_data_t *data, uint32_t offset, uint8_t *dest, uint32_t 
         uint32_t rest = length - done;
         uint32_t size = node->len - skipped < rest ? node->len - skipped : rest;
         uint32_t sum = kCopy ? cpysum(dest + done, piece, size) : chksum(piece, size);
-        // Pairs are counted from the start of the range, so an odd distance puts every byte of the piece in its
-        // other half.
+        // Pairs are counted from the start of the range, so an odd distance puts every byte of the piece in
+        // its other half.
         if (done & 1) sum = swap_halves(sum);
         total = fold(total + sum);
         done += size;

@@ -30,8 +30,8 @@ constexpr uint64_t kLaneBias = 0x10000;
 // hold everything.
 constexpr uint32_t kMaxPasses = (1u << 31) / (4 * kLaneBias);
 
-// A run this long is worth a first step to the boundary of a vector: of the source, or where a copy is made of
-// the target, whose crossings of cache lines cost more. A shorter run is taken as it lies.
+// A run this long is worth a first step to the boundary of a vector: of the source, or where a copy is made
+// of the target, whose crossings of cache lines cost more. A shorter run is taken as it lies.
 constexpr uint32_t kAlignLength = 2048;
 
 uint64_t sum_lanes(__m128i lanes) {

@@ -1,11 +1,12 @@
 // SPDX-License-Identifier: MIT
 //
-// A fuzz target without a fuzzer: the inputs of a corpus, and as many mutations of them as asked for, the same ones at
-// every run.
+// A fuzz target without a fuzzer: the inputs of a corpus, and as many mutations of them as asked for, the
+// same ones at every run.
 //
 //     TARGET CORPUS-DIRECTORY COUNT     TARGET FILE
 //
-// An input that makes the target stop stays behind in the file "fuzz-input", which the second form runs again.
+// An input that makes the target stop stays behind in the file "fuzz-input", which the second form runs
+// again.
 
 #include <algorithm>
 #include <csignal>

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The families are read by the roster's own code, which is linked into the program for this, and what it refused is
-// taken from its lines in the log. Only the words that explain a refusal are found here, by a look at the entry.
+// The families are read by the roster's own code, which is linked into the program for this, and what it
+// refused is taken from its lines in the log. Only the words that explain a refusal are found here, by a look
+// at the entry.
 #include "host/conf.h"
 
 #include <getopt.h>

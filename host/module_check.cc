@@ -53,9 +53,9 @@ struct elf64 {
     static constexpr int kSymbolShift = 32;
 };
 
-// One look at one file. Addresses are those of the file, before the linker has placed it. Nothing that the file says is
-// believed: every read goes through `find`, which knows where the bytes end, and no table is taken to be longer than
-// the whole file.
+// One look at one file. Addresses are those of the file, before the linker has placed it. Nothing that the
+// file says is believed: every read goes through `find`, which knows where the bytes end, and no table is
+// taken to be longer than the whole file.
 template <class elf>
 class inspection {
  public:

@@ -28,9 +28,9 @@ bool is_alive(const frame_pipeline *pipeline, int32_t *fewest_out) {
            __atomic_load_n(&pipeline->fifo.current_bytes, __ATOMIC_RELAXED) != 0;
 }
 
-// Calls `attempt` until it finds room, or once if nobody is to wait. The last result: after a wait it tells of
-// no room when nothing has been alive for kStalledSeconds. Waits are counted, not time, which goes on while
-// the debugger has stopped everybody.
+// Calls `attempt` until it finds room, or once if nobody is to wait. The last result: after a wait it tells
+// of no room when nothing has been alive for kStalledSeconds. Waits are counted, not time, which goes on
+// while the debugger has stopped everybody.
 template <typename Attempt>
 int32_t attempt_with_room(const frame_pipeline *pipeline, bell *room, bool wait, Attempt attempt) {
     int32_t status = attempt(), fewest_out = INT32_MAX, dead_waits = 0;

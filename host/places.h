@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// Where the program finds what it comes with: beside itself in a build folder, and once installed in the places that
-// the installation has for it. Nothing depends on the directory that it is called in.
+// Where the program finds what it comes with: beside itself in a build folder, and once installed in the
+// places that the installation has for it. Nothing depends on the directory that it is called in.
 
 #ifndef ZARN_HOST_PLACES_H
 #define ZARN_HOST_PLACES_H

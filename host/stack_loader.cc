@@ -34,8 +34,8 @@ int32_t load_outbound(const zarn_util_module_t *util, const configured_stack &st
     return status;
 }
 
-// The roster hands out inbound modules of families that somebody holds. One that only receives is held by nobody
-// here, so its module is loaded by name.
+// The roster hands out inbound modules of families that somebody holds. One that only receives is held by
+// nobody here, so its module is loaded by name.
 int32_t load_inbound(const zarn_util_module_t *util, const configured_stack &stack) {
     const auto family = static_cast<int32_t>(stack.family);
     void *table;

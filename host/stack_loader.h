@@ -19,8 +19,8 @@ struct configured_stack {
     std::vector<std::string> modules;  // as the settings name them
 };
 
-// Loads every stack, prints a line for each, and releases all of them. On each "out" stack an endpoint is created and
-// deleted. Returns an exit_code.
+// Loads every stack, prints a line for each, and releases all of them. On each "out" stack an endpoint is
+// created and deleted. Returns an exit_code.
 int load_stacks(const std::vector<configured_stack> &stacks);
 
 #endif

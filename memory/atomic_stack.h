@@ -35,8 +35,8 @@ inline void init_atomic_stack(atomic_stack_t *stack) {
 
 // A lost exchange means that another caller made progress; pausing lets it finish instead of fighting for the
 // cache line. The pauses grow between two bounds, so that even at interrupt level the wait between two tries
-// is bounded. docs/performance.md has what was measured: fewer than these to begin with leave two callers that
-// take turns in each other's way.
+// is bounded. docs/performance.md has what was measured: fewer than these to begin with leave two callers
+// that take turns in each other's way.
 constexpr uint32_t kFirstPauses = 16;
 constexpr uint32_t kLongestPauses = 64;
 

@@ -177,8 +177,8 @@ void *kern_settings_load(const char *name);
 // Closes a handle. Called once for every handle that a load gave. The module ignores the result.
 int32_t kern_settings_unload(void *handle);
 
-// The value of the top-level parameter `key`, `if_unknown` (may be null) when there is no such parameter or it
-// has several values, or `if_no_value` (may be null) when it has none.
+// The value of the top-level parameter `key`, `if_unknown` (may be null) when there is no such parameter or
+// it has several values, or `if_no_value` (may be null) when it has none.
 const char *kern_settings_string(void *handle, const char *key, const char *if_unknown,
                                  const char *if_no_value);
 

@@ -5,8 +5,8 @@
 // list.
 //
 // They do what C says. Of the heap that includes the alignment: `malloc` and `calloc` give memory that is
-// aligned to 16 bytes. With less, the exchange of the pair in a pool's record (platform/processor.h) faults on
-// LP64, and may lie across two cache lines on ILP32, which is slow and which some processors refuse.
+// aligned to 16 bytes. With less, the exchange of the pair in a pool's record (platform/processor.h) faults
+// on LP64, and may lie across two cache lines on ILP32, which is slow and which some processors refuse.
 
 #ifndef ZARN_PLATFORM_LIBC_H
 #define ZARN_PLATFORM_LIBC_H

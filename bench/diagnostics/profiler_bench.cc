@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A bracket of the profiler, beside what it asks of the kernel for its three samplings; and its sort of records
-// by real time, beside the library's.
+// A bracket of the profiler, beside what it asks of the kernel for its three samplings; and its sort of
+// records by real time, beside the library's.
 
 #include <zarn/zarn_profiler.h>
 

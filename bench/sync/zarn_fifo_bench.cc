@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The FIFO beside a deque with a mutex and a condition variable: in and out on one thread, a stream from one thread
-// to another, and a round trip in which each side sleeps until the other has sent. Both queues have the same limit,
-// and a producer that meets it lets others run.
+// The FIFO beside a deque with a mutex and a condition variable: in and out on one thread, a stream from one
+// thread to another, and a round trip in which each side sleeps until the other has sent. Both queues have
+// the same limit, and a producer that meets it lets others run.
 
 #include <chrono>
 #include <condition_variable>

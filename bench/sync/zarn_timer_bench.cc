@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The wheel beside two timer queues under a mutex: a std::multimap and a binary heap whose entries know their place.
-// Arming and cancelling, and moving an armed timer, with so many others armed; and firing 100,000 that are due
-// together, from the first hook to the last, with the lock down around each hook in all three.
+// The wheel beside two timer queues under a mutex: a std::multimap and a binary heap whose entries know their
+// place. Arming and cancelling, and moving an armed timer, with so many others armed; and firing 100,000 that
+// are due together, from the first hook to the last, with the lock down around each hook in all three.
 
 #include <algorithm>
 #include <chrono>

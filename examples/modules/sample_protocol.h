@@ -119,8 +119,8 @@ typedef struct sample_host_operations {
     // Gives back what belongs to the device. Uppers first, with all of their endpoints deleted.
     void (*detach)(void);
 
-    // Deals with what is due: that of timers that have run out, and whatever else can't be done where it comes
-    // up. Called after every batch of frames and after `request_attention`.
+    // Deals with what is due: that of timers that have run out, and whatever else can't be done where it
+    // comes up. Called after every batch of frames and after `request_attention`.
     void (*attend)(void);
 
     // Puts the protocol's header before `data` and sends it. Takes the buffer over, always; its memory may be
@@ -183,9 +183,9 @@ typedef struct sample_endpoint_operations {
     int32_t (*send_datagram)(zarn_endpoint_t *ep, const sample_peer *to, zarn_data_t *data);
 
     // tcp: hands out the bytes that have come in order and that nobody has taken, and lets the peer send as
-    // many more. SAMPLE_EVENT_DATA is raised when there are such bytes, when the peer has ended its side, and when
-    // a refused `send_bytes` is worth another try. ERR_WOULD_BLOCK: nothing there yet; SAMPLE_NO_MORE: the
-    // peer has ended its side, and all has been taken.
+    // many more. SAMPLE_EVENT_DATA is raised when there are such bytes, when the peer has ended its side, and
+    // when a refused `send_bytes` is worth another try. ERR_WOULD_BLOCK: nothing there yet; SAMPLE_NO_MORE:
+    // the peer has ended its side, and all has been taken.
     int32_t (*take_bytes)(zarn_endpoint_t *ep, zarn_data_t **out);
 
     // tcp: queues bytes, which stay in their memory until the peer has acknowledged them, and sends what it

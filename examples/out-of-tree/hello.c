@@ -1,7 +1,7 @@
 // SPDX-License-Identifier: MIT
 //
-// A protocol module that needs nothing of the source tree. With zarn installed, one line makes it and puts it where
-// the loader looks:
+// A protocol module that needs nothing of the source tree. With zarn installed, one line makes it and puts it
+// where the loader looks:
 //
 //     cc -shared -fPIC $(pkg-config --cflags zarn) -o $(pkg-config --variable=moduledir zarn)/network/hello.so hello.c
 //

@@ -1,8 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
-// The smallest port: every operation of platform/kern.h on POSIX threads, each as short as it can be and still
-// right. To be read beside docs/porting.md. What it leaves out: interrupts, a debugger, physical memory,
-// settings in a file, and the unloading of code.
+// The smallest port: every operation of platform/kern.h on POSIX threads, each as short as it can be and
+// still right. To be read beside docs/porting.md. What it leaves out: interrupts, a debugger, physical
+// memory, settings in a file, and the unloading of code.
 
 #define _GNU_SOURCE  // RUSAGE_THREAD
 #include <dlfcn.h>
@@ -18,8 +18,8 @@
 
 #include "platform/kern.h"
 
-// One lock for all objects of the kernel, and one condition that is signalled whenever any of them changes. It
-// is never held while the module's or a client's code runs.
+// One lock for all objects of the kernel, and one condition that is signalled whenever any of them changes.
+// It is never held while the module's or a client's code runs.
 static pthread_mutex_t gKernel = PTHREAD_MUTEX_INITIALIZER;
 static pthread_cond_t gChanged = PTHREAD_COND_INITIALIZER;
 

@@ -45,8 +45,8 @@ static inline int32_t ep_add_hook(const zarn_util_module_t *util, zarn_endpoint_
     return status;
 }
 
-// Takes `hook` off the list of `event`, under the endpoint's lock. Once it has returned 0 the hook doesn't run
-// and won't, and the record is the caller's again. May block: thread level only. On failure nothing has
+// Takes `hook` off the list of `event`, under the endpoint's lock. Once it has returned 0 the hook doesn't
+// run and won't, and the record is the caller's again. May block: thread level only. On failure nothing has
 // changed:
 //
 //     ERR_BAD_VALUE    no such event, or not on that list: a one-shot hook that has run is gone already

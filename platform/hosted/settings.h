@@ -5,11 +5,11 @@
 //
 // - A file is looked for by its bare name in the settings directory, unless hosted_set_settings_file tells of
 //   another.
-// - A load reads the whole file at once. It is refused whole, with one line in the log, when it can't be read or
-//   has a mistake: "settings: FILE:LINE:COLUMN: expected ...".
+// - A load reads the whole file at once. It is refused whole, with one line in the log, when it can't be read
+//   or has a mistake: "settings: FILE:LINE:COLUMN: expected ...".
 // - Flat keys are the parameters outside of all blocks that have one value; a block beside the value doesn't
-//   matter. Where a name stands more than once, the first parameter of the name is the one. One that has no value
-//   gives `if_no_value`; one that has several is no flat key and gives `if_unknown`.
+//   matter. Where a name stands more than once, the first parameter of the name is the one. One that has no
+//   value gives `if_no_value`; one that has several is no flat key and gives `if_unknown`.
 // - True are true, yes, on, enable, enabled and 1; false are false, no, off, disable, disabled and 0; in any
 //   case. Any other word gives `if_unknown` and a line in the log.
 // - Thread level, any thread. What was loaded belongs to the caller until the unload and never changes.

@@ -9,14 +9,14 @@
 //             out { 1 { 6 tcp ipv4 } } }
 //     }
 //
-// - A parameter is a name, any number of values, and perhaps a block of further parameters in braces. A newline
-//   or ';' ends it, and so does a '}', be it that of its own block or that of the block around it. So a block
-//   opens on the line of its parameter.
+// - A parameter is a name, any number of values, and perhaps a block of further parameters in braces. A
+//   newline or ';' ends it, and so does a '}', be it that of its own block or that of the block around it. So
+//   a block opens on the line of its parameter.
 // - Names and values are words. A bare word is made of any characters but blanks, control characters and
 //   { } ; # " \ . A word in double quotes may hold all of them: \" \\ \n \t and \xHH stand for characters. A
 //   quoted word ends on its line and is never joined to another word. No word holds a byte of 0.
-// - Lines end with a newline, or with a carriage return and a newline. A byte order mark at the start is passed
-//   over. Bytes above 127 are ordinary characters.
+// - Lines end with a newline, or with a carriage return and a newline. A byte order mark at the start is
+//   passed over. Bytes above 127 are ordinary characters.
 // - Blocks stand inside one another at most kSettingsDepth deep. Nothing else is limited but by memory.
 //
 // Thread level; the functions share nothing, so any number of threads may call them.

@@ -3,8 +3,8 @@
 // A kernel for tests: everything of platform/kern.h and the heap, behind a module whose objects are linked
 // statically. It stands behind the tests of this module, and serves a test of a protocol module as well.
 //
-// The program is linked with -Wl,--wrap=malloc,--wrap=calloc,--wrap=free,--wrap=strdup, so that the heap as the
-// module sees it goes through this kernel, which can refuse it and counts what is out.
+// The program is linked with -Wl,--wrap=malloc,--wrap=calloc,--wrap=free,--wrap=strdup, so that the heap as
+// the module sees it goes through this kernel, which can refuse it and counts what is out.
 //
 // - Time stands still until a test advances it. A thread that sleeps, or waits with a time limit, does so
 //   on this clock.
