@@ -23,17 +23,15 @@ namespace {
 constexpr char kUsage[] =
     "usage: zarn attach --tap NAME --address A.B.C.D/LEN [OPTION]...\n"
     "\n"
-    "Opens the TAP interface NAME, makes it if need be, and is a host with this address on its network: "
-    "answers\n"
-    "ARP and ping, echoes UDP datagrams to port 7 and TCP connections to port 7, and discards what TCP\n"
-    "connections to port 9 send. SIGUSR1 has it print its counts, SIGINT and SIGTERM end it.\n"
+    "Opens the TAP interface NAME, makes it if need be, and is a host with this address on its network:\n"
+    "answers ARP and ping, echoes UDP datagrams to port 7 and TCP connections to port 7, and discards what\n"
+    "TCP connections to port 9 send. SIGUSR1 has it print its counts, SIGINT and SIGTERM end it.\n"
     "\n"
     "  --tap NAME     the interface\n"
     "  --address A.B.C.D/LEN\n"
     "                 the host's address, and how many bits of it name the network, from 1 to 31\n"
     "  --pcap FILE    write every frame that crosses the device to FILE\n" RUN_OPTIONS_HELP
-    "  --profile      measure the device, the checksums and each protocol, and print the times at the "
-    "end\n" RUN_LOG_HELP
+    "  --profile      measure the device, checksums and protocols; print the times at the end\n" RUN_LOG_HELP
     "  --help         this text\n"
     "\n"
     "Exit status: 0 all is well; 1 the device can't be opened or has gone, FILE can't be written, or the\n"
@@ -45,7 +43,6 @@ constexpr int kBatch = 64;
 
 struct attach_options {
     run_options run;
-    debugger_options debugger;
     tap_settings tap;
 };
 

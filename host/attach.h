@@ -6,6 +6,7 @@
 #ifndef ZARN_HOST_ATTACH_H
 #define ZARN_HOST_ATTACH_H
 
+// `argv[0]` is the command's own name. Returns an exit_code.
 int run_attach(int argc, char **argv);
 
 #endif

@@ -14,11 +14,9 @@ namespace {
 
 constexpr char kUsage[] =
     "usage: zarn check FILE.so...\n\n"
-    "Looks at protocol modules without running them: whether each exports its list of records, whether the "
-    "records\n"
-    "have their name and the functions that every protocol must provide, and whether a kernel supplies what "
-    "the\n"
-    "module asks for. Takes modules of both widths.\n\n"
+    "Looks at protocol modules without running them: whether each exports its list of records, whether the\n"
+    "records have their name and the functions that every protocol must provide, and whether a kernel\n"
+    "supplies what the module asks for. Takes modules of both widths.\n\n"
     "Exit status: 0 every module can serve; 1 one can't, or a file can't be read; 2 wrong usage.\n";
 
 // False with errno set.

@@ -5,22 +5,15 @@
 #include <cstdio>
 #include <utility>
 
+#include "host/endpoints.h"
 #include "platform/hosted/hosted_kernel.h"
 #include "platform/kern.h"
 
 namespace {
 
 constexpr int32_t kThreadPriority = 10;
-constexpr int32_t kStreams = 1, kDatagrams = 2;  // key1 of the stacks
-constexpr int32_t kTcpProtocol = 6, kUdpProtocol = 17;
 
 enum : uint32_t { kRequestNothing, kRequestDrain, kRequestLeave };
-
-// Null for a protocol whose endpoints can do nothing.
-const sample_endpoint_operations *operations(const zarn_endpoint_t *ep) {
-    if (ep->top_module->head.flags != SAMPLE_PROTOCOL_FLAGS) return nullptr;
-    return reinterpret_cast<const sample_protocol_module *>(ep->top_module)->endpoints;
-}
 
 // The exchange pairs with the one in accept_connections: whoever finds 1 here has a unit on its way, and what
 // was changed before is seen by the look behind that unit.
@@ -47,13 +40,6 @@ void note_end(accepted_connection *connection, uint32_t value) {
 
 void on_end(zarn_endpoint_t *, uint32_t value, uintptr_t connection, uintptr_t) {
     note_end(reinterpret_cast<accepted_connection *>(connection), value);
-}
-
-// Deletes an endpoint of the client's own, with the reference on the family that came with it.
-void delete_endpoint(zarn_util_module_t *util, zarn_endpoint_t *ep) {
-    int32_t family = static_cast<int32_t>(ep->family);
-    util->ep_delete_endpoint(ep);
-    util->release_family_ref(family);
 }
 
 uint32_t read_end(zarn_util_module_t *util, zarn_endpoint_t *ep) {
@@ -86,7 +72,7 @@ void accept(endpoint_client *client, zarn_endpoint_t *child) {
 void finish(endpoint_client *client, accepted_connection *connection, bool open) {
     zarn_util_module_t *util = client->util;
     connection_totals::connection *entry = &client->totals.accepted[connection->number];
-    operations(connection->endpoint)->get_connection(connection->endpoint, &entry->facts);
+    endpoint_operations(connection->endpoint)->get_connection(connection->endpoint, &entry->facts);
     entry->open = open;
     client->open[connection->place] = client->open.back();
     client->open[connection->place]->place = connection->place;
@@ -115,7 +101,7 @@ void look_at_endpoints(endpoint_client *client) {
     }
     if (client->receiver != nullptr) {
         zarn_data_t *data;
-        while (operations(client->receiver)->take_datagram(client->receiver, nullptr, &data) == 0) {
+        while (endpoint_operations(client->receiver)->take_datagram(client->receiver, nullptr, &data) == 0) {
             client->totals.datagrams++;
             client->totals.datagram_bytes += data->length;
             util->delete_zarn_data(data);
@@ -168,7 +154,7 @@ bool open_endpoint(endpoint_client *client, int32_t key1, int32_t key2, const ch
     int32_t status = util->ep_new_endpoint(&ep, SAMPLE_FAMILY, key1, key2);
     if (status == ERR_NO_STACK || status == ERR_NO_FAMILY) return true;
     if (status == 0) {
-        const sample_endpoint_operations *can = operations(ep);
+        const sample_endpoint_operations *can = endpoint_operations(ep);
         bool fit = can != nullptr &&
                    (key1 == kStreams ? can->get_connection != nullptr : can->take_datagram != nullptr);
         status = fit ? can->open(ep) : ERR_BAD_VALUE;

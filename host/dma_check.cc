@@ -7,7 +7,7 @@
 
 namespace {
 
-// Returns the number of runs that hold exactly the bytes of the locked buffer, or -1.
+// Returns the number of runs, which have as many bytes as the locked buffer, or -1.
 int32_t map_locked(zarn_util_module_t *util, zarn_data_t *data, std::vector<memory_run> *runs) {
     constexpr uint32_t kSmallestPage = 4096;
     // A piece may begin and end inside a page.

@@ -1,7 +1,8 @@
 // SPDX-License-Identifier: MIT
 //
 // What a driver does before it hands a buffer to hardware, as a check of the module: the buffer is wired, its
-// memory map is asked for, and what the hardware would read is compared with what the buffer holds.
+// memory map is asked for, and the bytes of its runs are counted against those of the buffer. Where the runs
+// lie is not looked at: the program can't read physical memory.
 //
 // Thread level only: wiring may block.
 

@@ -39,7 +39,7 @@ constexpr char kUsage[] =
     "  --repeat N     read each file N times (default: once)\n"
     "  --drop         drop frames that find the queue full, and count them (default: wait)\n"
     "  --interrupt    receive frames at interrupt level: in the handler of a real-time signal\n"
-    "  --dma          wire and map each frame as for hardware, and check that the map is the frame's\n"
+    "  --dma          wire and map each frame as for hardware, and check that the map has its length\n"
     "  --backlog N    TCP connections that wait to be made or accepted, at most (default: 128)\n"
     "  --profile      measure the reception, the checksums and each protocol, and print the times behind\n"
     "                 the report (stderr with --tsv and --json); nothing at interrupt level\n" RUN_LOG_HELP

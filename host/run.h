@@ -17,12 +17,12 @@
 #include "host/heap_meter.h"
 #include "host/protocol_stack.h"
 
+// Lines of a usage text. RUN_LOG_HELP comes last of a command's own options but for --help.
 #define RUN_OPTIONS_HELP                                                                                \
     "  --conf FILE    the settings (default: zarn.conf beside the program, or where it is installed)\n" \
     "  --modules DIR  where the modules lie (default: the directory modules beside the program)\n"
-#define RUN_LOG_HELP                                                                        \
-    "  --log          show all of the kernel's log on stderr, not only what is out of the " \
-    "ordinary\n" DEBUGGER_HELP
+#define RUN_LOG_HELP \
+    "  --log          show all of the kernel's log on stderr, not only what is unusual\n" DEBUGGER_HELP
 
 // Their rows for getopt_long; a command's own values are below these.
 enum { kRunModules = 512, kRunConf, kRunProfile, kRunLog, kRunDebug, kRunCommand };

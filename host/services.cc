@@ -4,26 +4,12 @@
 #include <cinttypes>
 #include <cstdio>
 
-#include "platform/kern.h"
+#include "host/endpoints.h"
 
 namespace {
 
-constexpr int32_t kStreams = 1, kDatagrams = 2;  // key1 of the stacks
-constexpr int32_t kTcpProtocol = 6, kUdpProtocol = 17;
 constexpr uint32_t kEchoPort = 7, kDiscardPort = 9;
 constexpr uint32_t kBacklog = 128;
-
-// Null for a protocol whose endpoints can do nothing.
-const sample_endpoint_operations *operations(const zarn_endpoint_t *ep) {
-    if (ep->top_module->head.flags != SAMPLE_PROTOCOL_FLAGS) return nullptr;
-    return reinterpret_cast<const sample_protocol_module *>(ep->top_module)->endpoints;
-}
-
-void delete_endpoint(zarn_util_module_t *util, zarn_endpoint_t *ep) {
-    const int32_t family = static_cast<int32_t>(ep->family);
-    util->ep_delete_endpoint(ep);
-    util->release_family_ref(family);
-}
 
 // A buffer of the same bytes: their memory is shared, not copied. The source is gone. Null without memory.
 zarn_data_t *clone_payload(zarn_util_module_t *util, zarn_data_t *source) {
@@ -41,7 +27,7 @@ zarn_data_t *clone_payload(zarn_util_module_t *util, zarn_data_t *source) {
 void echo_datagrams(zarn_endpoint_t *ep, uint32_t, uintptr_t argument, uintptr_t) {
     host_services *services = reinterpret_cast<host_service *>(argument)->services;
     zarn_util_module_t *util = services->util;
-    const sample_endpoint_operations *can = operations(ep);
+    const sample_endpoint_operations *can = endpoint_operations(ep);
     sample_peer from;
     zarn_data_t *data;
     while (can->take_datagram(ep, &from, &data) == 0) {
@@ -145,7 +131,7 @@ void accept(host_service *listener, zarn_endpoint_t *child) {
         return;
     }
     auto *connection =
-        new host_connection{services, listener->kind, child, operations(child),           {}, {},
+        new host_connection{services, listener->kind, child, endpoint_operations(child),  {}, {},
                             nullptr,  false,          false, services->connections.size()};
     const auto argument = reinterpret_cast<uintptr_t>(connection);
     connection->data_hook = {nullptr, on_data, argument, 0, 0};
@@ -187,7 +173,7 @@ int32_t open_service(host_service *service) {
                                            datagrams ? kUdpProtocol : kTcpProtocol);
     if (status != 0) return status;
     ep->copied_word_1 = service->port;
-    const sample_endpoint_operations *can = operations(ep);
+    const sample_endpoint_operations *can = endpoint_operations(ep);
     status = can_serve(can, service->kind) ? can->open(ep) : ERR_BAD_VALUE;
     service->hook = {nullptr, datagrams ? echo_datagrams : on_child, reinterpret_cast<uintptr_t>(service), 0,
                      0};

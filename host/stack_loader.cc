@@ -5,6 +5,7 @@
 
 #include <cstdio>
 
+#include "host/endpoints.h"
 #include "host/exit_codes.h"
 #include "host/kernel_log.h"
 #include "platform/hosted/hosted_kernel.h"
@@ -47,11 +48,8 @@ int32_t load_inbound(const zarn_util_module_t *util, const configured_stack &sta
 }
 
 void release_stacks(const zarn_util_module_t *util, const held_stacks &held) {
-    for (zarn_endpoint_t *endpoint : held.endpoints) {
-        const auto family = static_cast<int32_t>(endpoint->family);
-        util->ep_delete_endpoint(endpoint);
-        util->release_family_ref(family);
-    }
+    for (zarn_endpoint_t *endpoint : held.endpoints)
+        delete_endpoint(util, endpoint);
     for (const int32_t family : held.families)
         util->release_family_ref(family);
 }

@@ -232,8 +232,7 @@ bool set_up_interface(tap_device *tap, int socket) {
     tap->device.mtu = static_cast<uint32_t>(mtu.request.ifr_mtu);
     if (tap->device.mtu > kMostMtu) {
         fprintf(stderr,
-                "zarn: %s sends packets of up to %u bytes, more than the %u that are received here; this "
-                "helps:\n\n"
+                "zarn: %s sends packets of up to %u bytes, and %u is the most here; this helps:\n\n"
                 "  sudo ip link set dev %s mtu 1500\n\n",
                 name, tap->device.mtu, kMostMtu, name);
         return false;
@@ -355,8 +354,8 @@ bool wait_for_tap(tap_device *tap) {
 }
 
 tap_read read_tap_frame(tap_device *tap, zarn_data_t **out) {
-    static uint8_t
-        waste[kSlotBytes];  // where a frame goes that has no slot, so that the device's queue moves on
+    // Where a frame goes that has no slot, so that the device's queue moves on.
+    static uint8_t waste[kSlotBytes];
     profile_bracket bracket(tap->stack, "zarn", "receive");
     uint8_t *slot = take_slot(&tap->slots);
     uint8_t *bytes = slot != nullptr ? slot : waste;

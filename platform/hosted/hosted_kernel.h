@@ -61,7 +61,8 @@ void hosted_set_log(void (*sink)(void *context, const char *text), void *context
 int32_t hosted_run_debug_command(const char *line, void (*output)(void *context, const char *text),
                                  void *context);
 
-// Calls `visit` for every command, in order of registration.
+// Calls `visit` for every command, in order of registration, with their table locked: it registers and
+// removes none.
 void hosted_list_debug_commands(void (*visit)(void *context, const char *name, const char *help),
                                 void *context);
 

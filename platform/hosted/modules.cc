@@ -30,7 +30,7 @@ namespace {
 
 constexpr size_t kLongestPath = sizeof(hosted_module_info::path);
 constexpr size_t kLongestFile = 4096 + kLongestPath + 8;
-constexpr int64_t kThreadPatience = 10000000;  // usec
+constexpr int64_t kThreadPatience = 10'000'000;  // usec
 
 struct loaded_module {
     char path[kLongestPath];
