@@ -63,7 +63,7 @@ static inline const sample_protocol_module *upper_at(int32_t number) {
 }
 
 // The protocol that packets with `key` go to, or null. `look_up` asks the roster, once for each key as long
-// as no other key takes its place.
+// as no other key has its place.
 static inline const sample_protocol_module *find_upper(uint32_t key,
                                                        int32_t (*look_up)(uint32_t key, void **table)) {
     sample_upper *place = &gUppers[(key ^ key >> 8) % SAMPLE_UPPERS];
@@ -77,8 +77,9 @@ static inline const sample_protocol_module *find_upper(uint32_t key,
                  module->protocol.head.name);
         module = NULL;
     }
-    *place = (sample_upper){key, 1, module};
-    return place->module;
+    // What goes to nobody, whoever has sent it, doesn't take the place of what goes to somebody.
+    if (module != NULL || place->module == NULL) *place = (sample_upper){key, 1, module};
+    return module;
 }
 
 static inline void take_counts(sample_counts *counts) {

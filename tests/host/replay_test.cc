@@ -128,6 +128,10 @@ TEST(replay, sorts_out_frames_that_captures_seldom_hold) {
             counts[name] = "1";
         expect_counts(c.name, pcap_file({c.record}), 0, counts);
     }
+    // The second type is kept in the place of the first, unless it is for nobody.
+    expect_counts(
+        "crowded_place", pcap_file({record(ipv4(datagram)), pcap_record(ethernet(0x0901, "x"))}), 0,
+        {{"frames", "2"}, {"other", "1"}, {"ipv4", "1"}, {"ip_good", "1"}, {"udp", "1"}, {"udp_good", "1"}});
 }
 
 TEST(replay, maps_each_frame_for_hardware_where_it_may_block) {
