@@ -48,21 +48,19 @@ static int32_t look_up(uint32_t type, void **table) {
     return 0;
 }
 
-static int is_for_us(zarn_data_t *data) {
+static int is_address(zarn_data_t *data, const uint8_t *address) {
     const uint8_t *to = map_bytes(data, 0, kAddress);
-    int us = to != NULL, all = to != NULL;
-    for (int i = 0; i < kAddress && to != NULL; i++) {
-        us = us && to[i] == gDevice->hardware[i];
-        all = all && to[i] == kEverybody[i];
-    }
-    return us || all;
+    for (int i = 0; i < kAddress && to != NULL; i++)
+        if (to[i] != address[i]) return 0;
+    return to != NULL;
 }
 
 static void receive(zarn_data_t *data, const sample_network_header *network) {
     (void)network;
     count_arrival(data);
     data->user_word_2 = data->length;
-    if (gDevice != NULL && !is_for_us(data)) {
+    int for_all = gDevice != NULL && is_address(data, kEverybody);
+    if (gDevice != NULL && !for_all && !is_address(data, gDevice->hardware)) {
         gCounts.foreign++;
         gUtil->delete_zarn_data(data);
         return;
@@ -83,6 +81,12 @@ static void receive(zarn_data_t *data, const sample_network_header *network) {
         type != NULL && read16(type) >= kFirstType ? find_upper(read16(type), look_up) : NULL;
     if (upper == NULL) {
         gCounts.unclaimed++;
+        gUtil->delete_zarn_data(data);
+        return;
+    }
+    // With a packet for one host in it, it would have all of them answer [RFC 1122, 3.2.2].
+    if (for_all && upper != gResolver) {
+        gCounts.foreign++;
         gUtil->delete_zarn_data(data);
         return;
     }

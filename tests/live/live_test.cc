@@ -61,6 +61,8 @@ TEST_F(live, refuses_what_it_does_not_serve) {
         EXPECT_EQ(errno, each.error);
         close(fd);
     }
+    shell("ip neigh replace " + kHost + " lladdr ff:ff:ff:ff:ff:ff dev z0");
+    EXPECT_NE(run_tool("ping -c 1 -W 0.3 " + kHost).code, 0);
 }
 
 TEST_F(live, names_the_one_command_that_grants_the_device) {
