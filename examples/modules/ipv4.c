@@ -19,6 +19,7 @@ enum {
     kShortestHeader = 20,
     kLongestHeader = 60,
     kLongestDatagram = 65535,
+    kDontFragment = 0x4000,
     kMoreFragments = 0x2000,
     kFragmentOffset = 0x1fff,
     kFrameUnit = 2000,  // bytes; a frame takes one unit of memory for each that it has begun
@@ -47,12 +48,11 @@ typedef struct datagram {
     uint8_t header[kLongestHeader];  // of the first fragment, if it is there
 } datagram;
 
-static datagram *gOldest;  // that are incomplete
-static uint32_t gUnits;    // of memory in all of them
-static uint32_t gMostUnits = kMostUnits;
+static datagram *gOldest;             // that are incomplete
+static uint32_t gUnits;               // of memory in all of them
 static const sample_device *gDevice;  // null: the packets are only looked on at
 static const sample_protocol_module *gBelow;
-static uint16_t gId;  // of the datagram that was sent last
+static uint16_t gId;  // of the datagram that was sent in fragments last
 
 static const sample_protocol_module gIpv4;
 
@@ -183,8 +183,9 @@ static void give_up_expired(void) {
         give_up(gOldest);
 }
 
+// On a device fragments have half of what others leave.
 static int is_full(void) {
-    return gUnits > gMostUnits || (gDevice != NULL && gDevice->room(gDevice) == 0);
+    return gUnits > (gDevice != NULL ? gDevice->room(gDevice) : kMostUnits);
 }
 
 // Keeps the fragment that `data` is from `header` bytes on to its end, without taking `data` over. Hands the
@@ -342,11 +343,12 @@ static void send_packet(zarn_data_t *data, const sample_destination *to) {
         lose_packet(data);
         return;
     }
-    gId++;
+    // Numbers come again all too soon: what nobody needs to put together spends none [RFC 6864].
     if (total <= most) {
-        send_piece(data, to, 0);
+        send_piece(data, to, kDontFragment);
         return;
     }
+    gId++;
     most -= most % 8;
     for (uint32_t start = 0; start < total; start += most) {
         uint32_t length = total - start < most ? total - start : most;
@@ -374,8 +376,6 @@ static int32_t attach(const sample_device *device, const sample_protocol_module 
         find_upper(protocol, look_up);
     gDevice = device;
     gBelow = below;
-    // So that connections always get something, too.
-    gMostUnits = device->room(device) / 2;
     return 0;
 }
 
@@ -385,7 +385,6 @@ static void detach(void) {
     stop_clock();
     start_clock(NULL);
     gDevice = NULL;
-    gMostUnits = kMostUnits;
 }
 
 static int32_t start_or_stop_ipv4(int32_t op) {
