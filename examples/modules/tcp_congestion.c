@@ -82,6 +82,8 @@ void count_acknowledged(tcp_connection *c, uint32_t bytes) {
     c->retries = 0;
     if (!c->recovering) {
         c->duplicates = 0;
+        // Left behind by more than half of all numbers, it would seem to lie ahead.
+        if (after(c->unacknowledged, c->recover)) c->recover = c->unacknowledged - 1;
         widen(c, bytes);
     } else if (!after(c->recover, c->unacknowledged)) {
         c->duplicates = 0;
@@ -121,6 +123,11 @@ void back_off(tcp_connection *c) {
     set_timeout(c, 2 * c->timeout);
     c->next_sent = c->unacknowledged;
     resend_first(c);
+}
+
+int64_t probe_pause(const tcp_connection *c) {
+    int64_t pause = c->timeout << c->shift;
+    return pause < LONGEST_TIMEOUT ? pause : LONGEST_TIMEOUT;
 }
 
 // After a pause nobody knows how much the network takes. The first duplicates let new segments follow, so

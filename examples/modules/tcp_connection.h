@@ -38,6 +38,8 @@
 enum {
     kReceiveBytes = 256 * 1024,  // that wait for the client, at most
     kReceivePieces = 512,        // each keeps a frame, however small it is
+    kSmallestShare = 4,          // segments that a peer may send whoever else is there, if there are frames
+    kAmpleRoom = 64,             // frames; with fewer free ones everybody suffers
     kSendBytes = 256 * 1024,     // at which `send_bytes` refuses
     kSendPieces = 512,
     kOwnShift = 3,         // RFC 7323: windows we tell are in units of 8 bytes, so that 256 KiB fit
@@ -165,6 +167,7 @@ int append_piece(tcp_queue *queue, uint32_t sequence,
 zarn_data_t *take_first_piece(tcp_queue *queue);  // null when it is empty
 void drop_before(tcp_queue *queue, uint32_t sequence);
 void clear_queue(tcp_queue *queue);
+uint32_t room_for(const tcp_connection *c);  // how many more frames it may keep
 void keep_payload(tcp_connection *c, uint32_t sequence, zarn_data_t *data);  // takes the buffer over
 
 // tcp_output.c
@@ -182,7 +185,8 @@ void send_what_may_go(tcp_connection *c);
 void begin_sending(tcp_connection *c);
 void count_acknowledged(tcp_connection *c, uint32_t bytes);
 void count_duplicate(tcp_connection *c);
-void back_off(tcp_connection *c);  // time has run out
+void back_off(tcp_connection *c);              // time has run out
+int64_t probe_pause(const tcp_connection *c);  // between looks at a closed window
 uint32_t sendable_end(tcp_connection *c);
 
 // tcp_timer.c

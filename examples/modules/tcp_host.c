@@ -12,8 +12,8 @@
 
 enum {
     kBuckets = 1024,
+    kMostConnections = 4096,  // half-open and ended ones, too
     kMostTimeWaits = 256,
-    kAmpleRoom = 64,
     kSmallestSegment = 64,
     kDefaultSegment = 536,
     kWidestShift = 14
@@ -174,7 +174,8 @@ static void read_options(const uint8_t *header, uint32_t length, tcp_connection 
 static void begin_connection(const segment *in, zarn_data_t *data, zarn_endpoint_t *listener,
                              const uint32_t *first) {
     const uint8_t *peer = in->network->source, *header = map_bytes(data, 0, in->header);
-    tcp_connection *c = header != NULL ? gUtil->zarn_malloc(sizeof(tcp_connection)) : NULL;
+    int room = header != NULL && gConnections < kMostConnections;
+    tcp_connection *c = room ? gUtil->zarn_malloc(sizeof(tcp_connection)) : NULL;
     zarn_endpoint_t *child = c != NULL ? gUtil->ep_spawn_endpoint(listener) : NULL;
     if (child == NULL) {
         gUtil->zarn_free(c);

@@ -55,9 +55,8 @@ static void send_segment(zarn_data_t *data, const header *out) {
 // among the connections, several times over, because few are busy at once.
 static uint32_t end_of_room(const tcp_connection *c) {
     uint32_t bytes = kReceiveBytes - least(c->received.bytes, kReceiveBytes);
-    uint32_t pieces = kReceivePieces - least(c->received.pieces, kReceivePieces);
-    uint32_t frames = gDevice->room(gDevice);
-    uint32_t segments = least(pieces, least(frames, frames * 4 / gConnections + 1));
+    uint32_t share = gDevice->room(gDevice) * 4 / gConnections + kSmallestShare;
+    uint32_t segments = least(room_for(c) + c->early.pieces, share);
     if (segments < kReceiveBytes / c->segment_size) bytes = least(bytes, segments * c->segment_size);
     return c->next_expected + bytes;
 }
@@ -229,7 +228,7 @@ void send_what_may_go(tcp_connection *c) {
         send_segments(c);
         // With nothing under way no acknowledgement will bring us back here: the window is looked at instead.
         if (c->resend_at == NEVER && c->next_sent != c->queue_end + c->ending)
-            c->resend_at = gNow + (c->timeout << c->shift);
+            c->resend_at = gNow + probe_pause(c);
     }
     if (c->state == kOpen && !c->peer_finished) {
         // The client has made room: worth telling when it is two segments.

@@ -122,6 +122,15 @@ static void drain_early(tcp_connection *c) {
     }
 }
 
+// Nobody may keep more than is left for the others, whatever windows were told: so peers that take nothing,
+// and send a byte in each frame, can't have all frames between them.
+uint32_t room_for(const tcp_connection *c) {
+    uint32_t kept = c->received.pieces + c->early.pieces, all = kept + c->outgoing.pieces;
+    uint32_t left = gDevice->room(gDevice);
+    if (kept >= kReceivePieces || all >= left) return 0;
+    return least(kReceivePieces - kept, left - all);
+}
+
 // Keeps bytes that lie in the window, none of which has been taken before. Bytes that there is no memory for
 // are as good as lost on the way: the peer sends them again. Bytes behind a hole may be thrown away at any
 // time, since nobody was told that they are here; so they give way to those that come in order, which is why
@@ -129,8 +138,8 @@ static void drain_early(tcp_connection *c) {
 void keep_payload(tcp_connection *c, uint32_t sequence, zarn_data_t *data) {
     int in_order = sequence == c->next_expected;
     if (in_order && gDevice->room(gDevice) == 0) visit_connections(drop_early);
-    if (in_order && c->received.pieces + c->early.pieces >= kReceivePieces) clear_queue(&c->early);
-    if (gDevice->room(gDevice) == 0 || c->received.pieces + c->early.pieces >= kReceivePieces) {
+    if (in_order && room_for(c) == 0) clear_queue(&c->early);
+    if (room_for(c) == 0) {
         gUtil->delete_zarn_data(data);
         return;
     }

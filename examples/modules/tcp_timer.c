@@ -14,6 +14,7 @@
 #define FIN_WAIT (60 * SECOND)
 #define IDLE (120 * SECOND)
 #define PROBE_GAP (10 * SECOND)
+#define PATIENCE (20 * SECOND)
 
 enum {
     kSynAcks = 4,  // sent again before a half-open connection makes room: 31 seconds
@@ -72,9 +73,15 @@ static void give_up(tcp_connection *c) {
     end_connection(c, c->state == kSynReceived ? SAMPLE_FAILED : SAMPLE_CLOSED);
 }
 
+// A peer may take nothing for as long as it likes [RFC 1122, 4.2.2.17], but not when others want for the
+// frames that are kept for it [RFC 6429].
+static int is_too_dear(const tcp_connection *c) {
+    return probe_pause(c) > PATIENCE && gDevice->room(gDevice) < kAmpleRoom;
+}
+
 static void resend(tcp_connection *c) {
     c->retries++;
-    if (c->retries > (c->state == kSynReceived ? kSynAcks : kResends)) {
+    if (c->retries > (c->state == kSynReceived ? kSynAcks : kResends) || is_too_dear(c)) {
         give_up(c);
     } else if (c->state == kSynReceived) {
         c->timeout *= 2;
@@ -84,7 +91,7 @@ static void resend(tcp_connection *c) {
         back_off(c);
     } else {
         if (c->shift < kWidestShift) c->shift++;
-        c->resend_at = gNow + (c->timeout << c->shift);
+        c->resend_at = gNow + probe_pause(c);
         (c->window == 0 ? send_probe : send_sliver)(c);
     }
 }

@@ -368,9 +368,11 @@ const struct {
     {"beyond the window", kMade + ">A:300000/1+5 <A:1/1 take"},
     {"no frames to keep", kMade + "room:0 >A:1/1+5 <A:1/1 room:9 >A:6/1+5 <A:1/1 room:0 >A:1/1+5 <A:1/1 "
                                   "room:9 >A:1/1+5 !data <A:1/6 take =5"},
+    {"no more than is left for others",
+     kMade + "room:2 >A:1/1+5, >A:6/1+5, >A:11/1+5 !data <A:1/11 take =10 >A:11/1+5 !data <A:1/16 take =5"},
     {"windows grow by segments",
      "room:1 >S:0 <SA:0/1w100 >A:1/1 !ready >A:1/1+60 !data <A:1/61w40 take =60 "
-     ">A:61/1+40 !data <A:1/101w100 room:9 take =40 <A:1/101w900"},
+     ">A:61/1+40 !data <A:1/101w0 room:9 take =40 <A:1/101w900"},
     {"closed window", "room:0 >S:0 <SA:0/1w0 >A:1/1 !ready >A:1/1+5 <A:1/1w0 >FA:1/1 !data <A:1/2 take =end"},
     {"time-outs", kMade + "send:5 <A:1/1+5 wait:250 <A:1/1+5 wait:450 <A:1/1+5 >A:1/3 >A:1/6 wait:9000"},
     {"vanished peer",
@@ -385,6 +387,8 @@ const struct {
                                "<A:101/1+100 <A:201/1+100 >A:1/301"},
     {"window of the peer",
      kMade + ">A:1/1w0 send:5 wait:250 <A:0/1 >A:1/1w0 wait:450 <A:0/1 >A:1/1w9 <A:1/1+5"},
+    {"closed window for long",
+     kMade + ">A:1/1w0 send:5 wait:24000 <A:0/1*6 room:9 wait:26000 <A:0/1 wait:26000 <RA:1/1 !closed"},
     {"silent behind a closed window", kMade + ">A:1/1w0 send:5 wait:200000 <A:0/1*8 <RA:1/1 !closed"},
     {"no slivers", kMade + ">A:1/1w60 send:100 wait:150 wait:100 <A:1/1+60 >A:1/61w300 <A:61/1+40 >A:1/101"},
     {"shrunken window",
