@@ -2,8 +2,9 @@
 //
 // A module with a kernel thread that tells the stop of its end long before it has left the module's code.
 
+#include <zarn/module.h>
+
 #include "platform/kern.h"
-#include "tests/platform/modules/module.h"
 
 static int32_t ended;
 static volatile uint32_t steps;
@@ -25,6 +26,6 @@ static int32_t std_ops(int32_t op) {
     return kern_sem_delete(ended);
 }
 
-static const module_head module = {TEST_MODULE_NAME, 0, std_ops};
+static const module_head module = {"test/threaded", 0, std_ops};
 
 const void *const modules[] = {&module, 0};

@@ -1,5 +1,0 @@
-// SPDX-License-Identifier: MIT
-//
-// A shared object that is no module.
-
-int something_else = 1;
