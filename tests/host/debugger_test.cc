@@ -8,7 +8,9 @@
 #include <sys/wait.h>
 #include <unistd.h>
 
+#include <algorithm>
 #include <csignal>
+#include <sstream>
 
 #include "tests/host/program.h"
 
@@ -23,10 +25,9 @@ const char *const kLists[][2] = {
     {"pools", "large +2048 +128 +0 "},      {"zarn_timer", "wheel size 512"}};
 
 testing::AssertionResult has(const std::string &text, const std::string &pattern) {
-    for (size_t start = 0, end; start < text.size(); start = end + 1) {
-        end = std::min(text.find('\n', start), text.size());
-        if (testing::internal::RE::PartialMatch(text.substr(start, end - start), pattern))
-            return testing::AssertionSuccess();
+    std::istringstream lines(text);
+    for (std::string line; std::getline(lines, line);) {
+        if (testing::internal::RE::PartialMatch(line, pattern)) return testing::AssertionSuccess();
     }
     return testing::AssertionFailure() << pattern << " is not in\n" << text;
 }
@@ -36,10 +37,9 @@ class terminal {
  public:
     explicit terminal(std::vector<std::string> arguments) {
         arguments.insert(arguments.begin(), ZARN_BUILD_DIR "/zarn");
-        std::vector<char *> argv;
-        for (std::string &argument : arguments)
-            argv.push_back(argument.data());
-        argv.push_back(nullptr);
+        std::vector<char *> argv(arguments.size() + 1);
+        std::transform(arguments.begin(), arguments.end(), argv.begin(),
+                       [](auto &text) { return text.data(); });
         child_ = forkpty(&file_, nullptr, nullptr, nullptr);
         if (child_ == 0) {
             setenv("TERM", "vt100", 1);

@@ -35,11 +35,11 @@ std::string fragment(const std::string &datagram, const std::string &piece, unsi
     std::string bytes = datagram.substr(std::min(start, datagram.size()), length);
     bytes.resize(length, 'x');
     if (piece.find('?') != std::string::npos) bytes.assign(length, '?');
-    unsigned place = static_cast<unsigned>(start / 8) | (piece.find('.') == std::string::npos ? 0x2000 : 0);
-    size_t id = piece.find('#');
+    const unsigned place = static_cast<unsigned>(start / 8);
+    const size_t id = piece.find('#');
     return ipv4(
         bytes, {.protocol = protocol,
-                .fragment = place,
+                .fragment = place | (piece.find('.') == std::string::npos ? 0x2000 : 0),
                 .id = id == std::string::npos ? 1 : static_cast<unsigned>(std::stoul(piece.substr(id + 1)))});
 }
 
@@ -59,8 +59,7 @@ TEST(fragments, are_put_together_whatever_their_order_and_never_from_what_does_n
     std::string spoilt = small, unsummed = small, flood;
     spoilt[40] = 'X';
     unsummed.replace(6, 2, 2, '\0');
-    for (int id = 1; id <= 100;
-         id++)  // more than is kept: the oldest goes, the latest can still be completed
+    for (int id = 1; id <= 100; id++)  // more than is kept: the oldest goes
         flood += "0+16#" + std::to_string(id) + " ";
     const struct {
         const char *name;
@@ -104,10 +103,10 @@ TEST(fragments, are_put_together_whatever_their_order_and_never_from_what_does_n
         auto rows = parse_table(run_program(arguments).out);
         for (const auto &c : cases) {
             table_row row = rows[c.name];
-            EXPECT_EQ(
-                row["whole"] + " " + row["whole_good"] + " " + row["whole_bad"] + " " + row["whole_absent"],
-                c.counts)
-                << c.name << ", " << arguments.back();
+            std::string counts = row["whole"];
+            for (const char *column : {"whole_good", "whole_bad", "whole_absent"})
+                counts += " " + row[column];
+            EXPECT_EQ(counts, c.counts) << c.name << ", " << arguments.back();
         }
         arguments.push_back("--interrupt");
     }
@@ -130,6 +129,18 @@ std::string segment(const std::string &text) {
     // The sums do not tell who is who.
     if (!from_client) std::rotate(packet.begin() + 12, packet.begin() + 16, packet.begin() + 20);
     return packet;
+}
+
+// The numbers of an object of a report in JSON: of connections, how many were accepted and how many of these have
+// not ended, the bytes there and back, and how many were refused, failed and half made.
+std::string numbers_of(const std::string &json, const std::string &object) {
+    size_t at = json.find("\"" + object + "\": {");
+    std::string numbers;
+    for (const size_t end = json.find_first_of("[}", at); at < end; at++) {
+        if (json[at] != ':' || isdigit(json[at + 2]) == 0) continue;
+        numbers += (numbers.empty() ? "" : " ") + std::to_string(std::stoul(json.substr(at + 2)));
+    }
+    return numbers;
 }
 
 TEST(connections, are_followed_from_their_handshake_to_their_end) {
@@ -158,42 +169,26 @@ TEST(connections, are_followed_from_their_handshake_to_their_end) {
             packets.push_back(segment(step));
         program_result result =
             run_program({"replay", "--json", "--backlog", "2", write_capture(c.name, packets)});
-        std::istringstream n(c.expected);
-        std::string expected = "\"connections\": {", number;
-        for (const char *key :
-             {"accepted", "not_ended", "client_bytes", "server_bytes", "refused", "failed", "half_made"}) {
-            n >> number;
-            expected += (*key == 'a' ? "\"" : ", \"") + std::string(key) + "\": " + number;
-        }
-        EXPECT_NE(result.out.find(expected), std::string::npos) << c.name << ": " << result.out;
-        EXPECT_EQ(result.err.find("the backlog is full") != std::string::npos, c.name == "backlog")
-            << result.err;
+        EXPECT_EQ(numbers_of(result.out, "connections"), c.expected) << c.name;
+        EXPECT_EQ(result.err.find("the backlog is full") != std::string::npos, c.name == "backlog");
     }
 }
 
 // The numbers come from a count of the distinct sequence numbers in the files, made by other means.
 TEST(connections, in_the_captures_have_the_bytes_that_were_sent) {
     const struct {
-        std::string path;
-        unsigned long accepted, client_bytes, server_bytes, datagrams;
-    } cases[] = {{kSamples + "/nano.pcap", 1, 77, 5245, 40},
-                 {kSamples + "/fragments.pcap", 0, 0, 0, 12},
-                 {kAll + "/http.pcap", 10, 775, 283100, 0},
-                 {kAll + "/tcp-loss.pcap", 2, 25966, 288276, 0},
-                 {kAll + "/mixed.pcap", 35, 246551, 329767, 1482}};
+        std::string path, connections, datagrams;
+    } cases[] = {{kSamples + "/nano.pcap", "1 0 77 5245 ", "40 "},
+                 {kSamples + "/fragments.pcap", "0 0 0 0 ", "12 "},
+                 {kAll + "/http.pcap", "10 0 775 283100 ", "0 "},
+                 {kAll + "/tcp-loss.pcap", "2 0 25966 288276 ", "0 "},
+                 {kAll + "/mixed.pcap", "35 0 246551 329767 ", "1482 "}};
     for (const auto &c : cases) {
         if (!std::filesystem::exists(c.path)) continue;  // the samples are always there
         for (const char *mode : {"--json", "--interrupt"}) {
-            program_result result = run_program({"replay", "--json", c.path, mode});
-            for (const auto &[key, value] : {std::pair{"accepted", c.accepted},
-                                             {"not_ended", 0},
-                                             {"client_bytes", c.client_bytes},
-                                             {"server_bytes", c.server_bytes},
-                                             {"received", c.datagrams}}) {
-                std::string expected = "\"" + std::string(key) + "\": " + std::to_string(value);
-                EXPECT_NE(result.out.find(expected), std::string::npos)
-                    << expected << " is not in " << result.out;
-            }
+            const std::string out = run_program({"replay", "--json", c.path, mode}).out;
+            EXPECT_TRUE(numbers_of(out, "connections").starts_with(c.connections)) << c.path << out;
+            EXPECT_TRUE(numbers_of(out, "datagrams").starts_with(c.datagrams)) << c.path << out;
         }
     }
 }

@@ -111,7 +111,8 @@ std::string little32(uint32_t value) {
     return bytes;
 }
 
-std::string internet_checksum(const std::string &bytes) {
+// The checksum of RFC 1071, as the two bytes that go into the header; written for this side only.
+static std::string internet_checksum(const std::string &bytes) {
     uint32_t sum = 0;
     for (size_t i = 0; i < bytes.size(); i++)
         sum += static_cast<uint8_t>(bytes[i]) << (i % 2 == 0 ? 8 : 0);
@@ -134,52 +135,37 @@ std::string pcap_file(const std::vector<std::string> &records, uint32_t link) {
     return file;
 }
 
-std::string pcapng_block(uint32_t type, const std::string &body) {
-    std::string padded = body + std::string((4 - body.size() % 4) % 4, '\0');
-    std::string length = little32(static_cast<uint32_t>(padded.size() + 12));
-    return little32(type) + length + padded + length;
-}
-
-std::string pcapng_start(uint32_t link) {
-    return pcapng_block(0x0a0d0d0a, little32(0x1a2b3c4d) + little32(1) + std::string(8, '\xff')) +
-           pcapng_block(1, little32(link) + little32(262144));
-}
-
-std::string pcapng_packet(uint32_t interface, const std::string &frame) {
-    std::string length = little32(static_cast<uint32_t>(frame.size()));
-    return pcapng_block(6, little32(interface) + little32(0) + little32(0) + length + length + frame);
-}
-
 std::string ethernet(unsigned type, const std::string &payload) {
     return std::string("\x02zarn\x01\x02zarn\x02") + big16(type) + payload;
 }
 
+static const std::string kAddresses = "\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e";
+
 std::string ipv4(const std::string &payload, const ipv4_fields &fields) {
-    size_t length = 20 + fields.options.size();
-    unsigned total = fields.total < 0 ? static_cast<unsigned>(length + payload.size())
-                                      : static_cast<unsigned>(fields.total);
-    std::string start = std::string(1, static_cast<char>(fields.version << 4 | length / 4)) +
-                        std::string(1, '\0') + big16(total) + big16(fields.id) + big16(fields.fragment) +
-                        "\x40" + static_cast<char>(fields.protocol);
-    std::string end = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + fields.options;
-    std::string checksum = internet_checksum(start + big16(0) + end);
+    const size_t length = 20 + fields.options.size();
+    const size_t total = fields.total < 0 ? length + payload.size() : static_cast<size_t>(fields.total);
+    const std::string first = {static_cast<char>(fields.version << 4 | length / 4), '\0'};
+    const std::string start = first + big16(static_cast<unsigned>(total)) + big16(fields.id) +
+                              big16(fields.fragment) + "\x40" + static_cast<char>(fields.protocol);
+    const std::string end = kAddresses + fields.options;
+    std::string checksum = internet_checksum(start + end);
     if (fields.bad_checksum) checksum[1] ^= 1;
     return start + checksum + end + payload;
 }
 
 std::string udp(const std::string &payload, int length) {
-    unsigned size = length < 0 ? static_cast<unsigned>(8 + payload.size()) : static_cast<unsigned>(length);
-    std::string ports = big16(5000) + big16(53);
-    std::string pseudo = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + big16(17) + big16(size);
-    std::string covered = (ports + big16(size) + big16(0) + payload).substr(0, size);
-    return ports + big16(size) + internet_checksum(pseudo + covered) + payload;
+    const size_t size = length < 0 ? 8 + payload.size() : static_cast<size_t>(length);
+    const std::string head = big16(5000) + big16(53) + big16(static_cast<unsigned>(size));
+    const std::string covered = (head + big16(0) + payload).substr(0, size);
+    return head + internet_checksum(kAddresses + big16(17) + head.substr(4) + covered) + payload;
 }
 
 std::string tcp(const std::string &payload, const tcp_fields &fields) {
-    auto big32 = [](uint32_t value) { return big16(value >> 16) + big16(value); };
-    std::string start = big16(fields.source) + big16(fields.destination) + big32(fields.sequence) +
-                        big32(fields.acknowledged) + "\x50" + static_cast<char>(fields.flags) + big16(65535);
-    std::string pseudo = std::string("\x0a\x0b\x0c\x0d\x0a\x0b\x0c\x0e") + big16(6) +
-                         big16(static_cast<unsigned>(20 + payload.size()));
-    return start + internet_checksum(pseudo + start + big16(0) + big16(0) + payload) + big16(0) + payload;
+    const auto big32 = [](uint32_t value) { return big16(value >> 16) + big16(value); };
+    const std::string head = big16(fields.source) + big16(fields.destination) + big32(fields.sequence) +
+                             big32(fields.acknowledged) + "\x50" + static_cast<char>(fields.flags) +
+                             big16(65535);
+    const std::string size = big16(static_cast<unsigned>(20 + payload.size()));
+    return head + internet_checksum(kAddresses + big16(6) + size + head + big16(0) + big16(0) + payload) +
+           big16(0) + payload;
 }

@@ -36,16 +36,10 @@ const std::string &scratch_directory();
 
 std::string big16(unsigned value);
 std::string little32(uint32_t value);
-// The checksum of RFC 1071, as the two bytes that go into the header; written for this side only.
-std::string internet_checksum(const std::string &bytes);
 
 // A captured record of a classic file; `wire` below 0 stands for its own length.
 std::string pcap_record(const std::string &frame, int64_t wire = -1);
 std::string pcap_file(const std::vector<std::string> &records, uint32_t link = 1);
-// A block of a pcapng file, and the two that every such file starts with.
-std::string pcapng_block(uint32_t type, const std::string &body);
-std::string pcapng_start(uint32_t link = 1);
-std::string pcapng_packet(uint32_t interface, const std::string &frame);
 
 // Frames with right lengths and checksums, but for the header fields that a test spoils.
 std::string ethernet(unsigned type, const std::string &payload);
