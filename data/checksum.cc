@@ -15,11 +15,11 @@ using checksum_words::swap_halves;
 namespace {
 
 inline uint32_t chksum_plain(const void *data, uint32_t length) {
-    return fold(sum_run<false>(static_cast<const uint8_t *>(data), nullptr, length));
+    return fold(sum_run<false>((const uint8_t *)data, nullptr, length));
 }
 
 inline uint32_t cpysum_plain(void *dest, const void *src, uint32_t length) {
-    return fold(sum_run<true>(static_cast<const uint8_t *>(src), static_cast<uint8_t *>(dest), length));
+    return fold(sum_run<true>((const uint8_t *)src, (uint8_t *)dest, length));
 }
 
 #if ZARN_WIDE_CHECKSUMS
@@ -51,7 +51,7 @@ uint32_t sum_pieces(zarn_data_t *data, uint32_t offset, uint8_t *dest, uint32_t 
     uint32_t total = 0;
     uint32_t done = 0;
     for (const mem_node *node = *place.link; node != nullptr && done < length; node = node->next) {
-        const uint8_t *piece = static_cast<const uint8_t *>(node->base) + skipped;
+        const uint8_t *piece = (const uint8_t *)node->base + skipped;
         uint32_t rest = length - done;
         uint32_t size = node->len - skipped < rest ? node->len - skipped : rest;
         uint32_t sum = kCopy ? cpysum(dest + done, piece, size) : chksum(piece, size);
@@ -101,9 +101,9 @@ uint32_t copy_and_checksum_data(zarn_data_t *data, uint32_t offset, void *dest, 
     if (whole && (data->flags & DATA_CHECKSUM_CACHED) != 0) return data->checksum;
     if (length == 0) return 0xffff;
 
-    uint32_t checksum = sum_pieces<true>(data, offset, static_cast<uint8_t *>(dest), length);
+    uint32_t checksum = sum_pieces<true>(data, offset, (uint8_t *)dest, length);
     if (whole) {
-        data->checksum = static_cast<uint16_t>(checksum);
+        data->checksum = (uint16_t)checksum;
         data->flags |= DATA_CHECKSUM_CACHED;
     }
     return checksum;

@@ -39,7 +39,7 @@ uint64_t sum_lanes(__m128i lanes) {
     __m128i sums = _mm_add_epi64(_mm_unpacklo_epi32(lanes, sign), _mm_unpackhi_epi32(lanes, sign));
     sums = _mm_add_epi64(sums, _mm_unpackhi_epi64(sums, sums));
     uint64_t sum;
-    _mm_storel_epi64(reinterpret_cast<__m128i *>(&sum), sums);
+    _mm_storel_epi64((__m128i *)&sum, sums);
     return sum;
 }
 
@@ -49,8 +49,8 @@ struct sse2 {
 
     template <bool kCopy>
     static __m128i pairs(const uint8_t *from, uint8_t *to) {
-        __m128i bytes = _mm_loadu_si128(reinterpret_cast<const __m128i *>(from));
-        if constexpr (kCopy) _mm_storeu_si128(reinterpret_cast<__m128i *>(to), bytes);
+        __m128i bytes = _mm_loadu_si128((const __m128i *)from);
+        if constexpr (kCopy) _mm_storeu_si128((__m128i *)to, bytes);
         return _mm_madd_epi16(_mm_xor_si128(bytes, _mm_set1_epi16(kBias)), _mm_set1_epi16(1));
     }
 
@@ -79,8 +79,8 @@ struct avx2 {
 
     template <bool kCopy>
     ZARN_AVX2 static __m256i pairs(const uint8_t *from, uint8_t *to) {
-        __m256i bytes = _mm256_loadu_si256(reinterpret_cast<const __m256i *>(from));
-        if constexpr (kCopy) _mm256_storeu_si256(reinterpret_cast<__m256i *>(to), bytes);
+        __m256i bytes = _mm256_loadu_si256((const __m256i *)from);
+        if constexpr (kCopy) _mm256_storeu_si256((__m256i *)to, bytes);
         return _mm256_madd_epi16(_mm256_xor_si256(bytes, _mm256_set1_epi16(kBias)), _mm256_set1_epi16(1));
     }
 
@@ -108,7 +108,7 @@ uint32_t sum_wide(const uint8_t *from, uint8_t *to, uint32_t length) {
     uint32_t head = 0;
     uint32_t head_sum = 0;
     if (length >= kAlignLength) {
-        head = -reinterpret_cast<uintptr_t>(kCopy ? to : from) & (form::kVector - 1);
+        head = -(uintptr_t)(kCopy ? to : from) & (form::kVector - 1);
         head_sum = fold(sum_run<kCopy>(from, to, head));
         from += head;
         to = ahead<kCopy>(to, head);
@@ -129,12 +129,12 @@ uint32_t sum_wide(const uint8_t *from, uint8_t *to, uint32_t length) {
 
 template <typename form>
 uint32_t sum(const void *data, uint32_t length) {
-    return sum_wide<form, false>(static_cast<const uint8_t *>(data), nullptr, length);
+    return sum_wide<form, false>((const uint8_t *)data, nullptr, length);
 }
 
 template <typename form>
 uint32_t copy(void *dest, const void *src, uint32_t length) {
-    return sum_wide<form, true>(static_cast<const uint8_t *>(src), static_cast<uint8_t *>(dest), length);
+    return sum_wide<form, true>((const uint8_t *)src, (uint8_t *)dest, length);
 }
 
 constexpr checksum_form kForms[] = {{"sse2", sum<sse2>, copy<sse2>}, {"avx2", sum<avx2>, copy<avx2>}};

@@ -63,8 +63,8 @@ inline word add_block(word sum, const uint8_t *from, uint8_t *to) {
             "mov 6*%c[w](%[from]), %[t]\n\tmov %[t], 6*%c[w](%[to])\n\tadc %[t], %[sum]\n\t"
             "mov 7*%c[w](%[from]), %[t]\n\tmov %[t], 7*%c[w](%[to])\n\tadc %[t], %[sum]\n\t"
             "adc $0, %[sum]"
-            : [sum] "+&r"(sum), [t] "=&r"(t), "=m"(*reinterpret_cast<block *>(to))
-            : [from] "r"(from), [to] "r"(to), [w] "i"(kWord), "m"(*reinterpret_cast<const block *>(from))
+            : [sum] "+&r"(sum), [t] "=&r"(t), "=m"(*(block *)to)
+            : [from] "r"(from), [to] "r"(to), [w] "i"(kWord), "m"(*(const block *)from)
             : "cc");
     } else {
         asm("add (%[from]), %[sum]\n\t"
@@ -77,7 +77,7 @@ inline word add_block(word sum, const uint8_t *from, uint8_t *to) {
             "adc 7*%c[w](%[from]), %[sum]\n\t"
             "adc $0, %[sum]"
             : [sum] "+&r"(sum)
-            : [from] "r"(from), [w] "i"(kWord), "m"(*reinterpret_cast<const block *>(from))
+            : [from] "r"(from), [w] "i"(kWord), "m"(*(const block *)from)
             : "cc");
     }
 #else
@@ -160,12 +160,12 @@ inline uint32_t fold(uint32_t sum) {
 }
 
 inline uint32_t fold(uint64_t sum) {
-    return fold(static_cast<uint32_t>((sum + (sum << 32 | sum >> 32)) >> 32));
+    return fold((uint32_t)((sum + (sum << 32 | sum >> 32)) >> 32));
 }
 
 // The sum of a run that began at an odd distance from its pairs.
 inline uint32_t swap_halves(uint32_t sum) {
-    return __builtin_bswap16(static_cast<uint16_t>(sum));
+    return __builtin_bswap16((uint16_t)sum);
 }
 
 }  // namespace checksum_words

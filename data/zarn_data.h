@@ -61,7 +61,7 @@ inline bool data_range_is_valid(const zarn_data_t *data, uint32_t offset, uint32
 
 // The nodes of a pool lie directly behind its head, in the pool inside a buffer as in one of its own.
 inline mem_node *pool_nodes(mem_node_pool *pool) {
-    return reinterpret_cast<mem_node *>(pool + 1);
+    return (mem_node *)(pool + 1);
 }
 
 // Puts a pool with NODE_POOL_NODES fresh nodes at the head of the chain. 1, or 0 without memory, with

@@ -269,9 +269,8 @@ void uninit_profiler() {
             kern_debug_remove_command(command.name, command.function);
     }
     gHasCommands = 0;
-    if (gPending != nullptr)
-        skiplist_for_each(
-            gPending, [](void *item, void *) { return freerec(item); }, nullptr);
+    const auto free_pending = [](void *item, void *) { return freerec(item); };
+    if (gPending != nullptr) skiplist_for_each(gPending, free_pending, nullptr);
     skiplist_free(gPending);
     gPending = nullptr;
     skiplist_free(gFinished);

@@ -9,9 +9,9 @@
 template <typename Unit>
 static Unit load_masked(const void *area, const void *mask, int32_t offset) {
     Unit value, bits;
-    memcpy(&value, static_cast<const uint8_t *>(area) + offset, sizeof value);
-    memcpy(&bits, static_cast<const uint8_t *>(mask) + offset, sizeof bits);
-    return static_cast<Unit>(value & bits);
+    memcpy(&value, (const uint8_t *)area + offset, sizeof value);
+    memcpy(&bits, (const uint8_t *)mask + offset, sizeof bits);
+    return (Unit)(value & bits);
 }
 
 template <typename Unit>
@@ -24,7 +24,7 @@ static int32_t compare_at(const void *a, const void *b, const void *mask, int32_
 template <typename Unit>
 static void copy_at(void *dst, const void *src, const void *mask, int32_t offset) {
     const Unit value = load_masked<Unit>(src, mask, offset);
-    memcpy(static_cast<uint8_t *>(dst) + offset, &value, sizeof value);
+    memcpy((uint8_t *)dst + offset, &value, sizeof value);
 }
 
 int32_t zarn_masked_cmp(const void *a, const void *b, const void *mask, int32_t length) {

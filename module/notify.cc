@@ -14,9 +14,8 @@
 static zarn_notification *new_notification(uint32_t kind, uint32_t detail, const void *payload,
                                            uint32_t length) {
     uint32_t size;
-    if (__builtin_add_overflow(length, static_cast<uint32_t>(sizeof(zarn_notification)), &size))
-        return nullptr;
-    auto *message = static_cast<zarn_notification *>(zarn_malloc(size));
+    if (__builtin_add_overflow(length, (uint32_t)sizeof(zarn_notification), &size)) return nullptr;
+    auto *message = (zarn_notification *)zarn_malloc(size);
     if (message == nullptr) return nullptr;
     *message = {kind, detail, length};
     if (payload != nullptr && length != 0) memcpy(message + 1, payload, length);
@@ -38,15 +37,14 @@ int32_t zarn_notify(uint32_t kind, uint32_t detail, void *payload, uint32_t leng
     }
     // Of the ways in which an append fails, one has linked the block already. None has made the buffer its
     // owner.
-    if (append_zarn_data(data, message, length + static_cast<uint32_t>(sizeof *message), zarn_free) != 0)
-        goto delete_data;
+    if (append_zarn_data(data, message, length + (uint32_t)sizeof *message, zarn_free) != 0) goto delete_data;
 
     if (kern_module_acquire(ZARN_NOTIFY_MODULE_NAME, &table) != 0) {
         kern_log("zarn_util:zarn_notify: kern_module_acquire failed\n");
         delete_zarn_data(data);
         return -1;
     }
-    static_cast<const zarn_notify_module *>(table)->deliver_notification(data);
+    ((const zarn_notify_module *)table)->deliver_notification(data);
     kern_module_release(ZARN_NOTIFY_MODULE_NAME);
     return 0;
 

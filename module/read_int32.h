@@ -16,11 +16,9 @@ inline bool read_int32(const char *text, int base, int32_t *value) {
     char *end;
     const long number = strtol(text, &end, base);
     if constexpr (sizeof(long) > sizeof(int32_t)) {
-        *value = static_cast<int32_t>(number > INT32_MAX   ? INT32_MAX
-                                      : number < INT32_MIN ? INT32_MIN
-                                                           : number);
+        *value = (int32_t)(number > INT32_MAX ? INT32_MAX : number < INT32_MIN ? INT32_MIN : number);
     } else {
-        *value = static_cast<int32_t>(number);
+        *value = (int32_t)number;
     }
     return *end == '\0' && !(number == 0 && end == text);
 }

@@ -35,8 +35,7 @@ zarn_endpoint_t *ep_spawn_endpoint(zarn_endpoint_t *parent) {
     if (parent->room <= 0) goto unlock;
     // A child has room for so much and no more, wherever the parent keeps its bytes.
     if (parent->inherited_blob.length > EP_BLOB_BYTES) goto unlock;
-    if (ep_new_endpoint(&child, static_cast<int32_t>(parent->family), static_cast<int32_t>(parent->key1),
-                        static_cast<int32_t>(parent->key2)) < 0) {
+    if (ep_new_endpoint(&child, (int32_t)parent->family, (int32_t)parent->key1, (int32_t)parent->key2) < 0) {
         goto unlock;
     }
 
@@ -89,7 +88,7 @@ zarn_endpoint_t *ep_dequeue_endpoint(zarn_endpoint_t *listener) {
 }
 
 int32_t ep_set_backlog(zarn_endpoint_t *listener, uint32_t backlog) {
-    const auto limit = static_cast<int32_t>(backlog);
+    const auto limit = (int32_t)backlog;
     zarn_lock_tallylock(&listener->lock);
     // In 64 bits, because a negative limit is no error and may lie as far away as 32 bits reach.
     int64_t excess = int64_t{listener->backlog} - listener->room - limit;

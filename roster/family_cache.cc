@@ -30,16 +30,16 @@ module_path::module_path(const char *module_name) {
 
 // The sign of a wrapped difference is the order wherever two keys lie within 2^31 of each other.
 static int32_t difference(uint32_t a, uint32_t b) {
-    return static_cast<int32_t>(a - b);
+    return (int32_t)(a - b);
 }
 
 int32_t compare_family_caches(const void *a, const void *b) {
-    return difference(*static_cast<const uint32_t *>(a), *static_cast<const uint32_t *>(b));
+    return difference(*(const uint32_t *)a, *(const uint32_t *)b);
 }
 
 static int32_t compare_stack_cache(const void *a, const void *b) {
-    const auto *left = static_cast<const stack_key *>(a), *right = static_cast<const stack_key *>(b);
-    const auto left_key2 = static_cast<uint32_t>(left->key2), right_key2 = static_cast<uint32_t>(right->key2);
+    const auto *left = (const stack_key *)a, *right = (const stack_key *)b;
+    const auto left_key2 = (uint32_t)left->key2, right_key2 = (uint32_t)right->key2;
     if (left->type != right->type) return difference(left->type, right->type);
     if (left->key1 != right->key1) return difference(left->key1, right->key1);
     if (left_key2 == kAnyKey2 || right_key2 == kAnyKey2) return 0;
@@ -47,7 +47,7 @@ static int32_t compare_stack_cache(const void *a, const void *b) {
 }
 
 static int32_t compare_names(const void *a, const void *b) {
-    return strcmp(*static_cast<const char *const *>(a), *static_cast<const char *const *>(b));
+    return strcmp(*(const char *const *)a, *(const char *const *)b);
 }
 
 static int32_t delete_copied_name(copied_name *node) {
@@ -57,11 +57,11 @@ static int32_t delete_copied_name(copied_name *node) {
 }
 
 static int32_t delete_copied_names(void *node, void *) {
-    return delete_copied_name(static_cast<copied_name *>(node));
+    return delete_copied_name((copied_name *)node);
 }
 
 static int32_t free_stack_cache(void *item) {
-    auto *stack = static_cast<stack_cache *>(item);
+    auto *stack = (stack_cache *)item;
     if (stack->loaded) {
         for (int32_t i = 0; i < stack->module_count; ++i)
             kern_module_release(module_path(stack->module_names[i]).text);
@@ -73,9 +73,8 @@ static int32_t free_stack_cache(void *item) {
 }
 
 int32_t free_family_cache(void *item) {
-    auto *cache = static_cast<family_cache *>(item);
-    kern_log("zarn_util: free_family_cache(): unloading address family %x\n",
-             static_cast<unsigned>(cache->family));
+    auto *cache = (family_cache *)item;
+    kern_log("zarn_util: free_family_cache(): unloading address family %x\n", (unsigned)cache->family);
     skiplist_free(cache->stacks);  // before the names: the paths of the modules are built from them
     while (copied_name *node = cache->names) {
         cache->names = node->next;
@@ -90,9 +89,9 @@ int32_t free_family_cache(void *item) {
 // The family's copy of `*name`, made at its first use, or null when it can't be had. `names` finds the copies
 // while the settings are read; the list in `cache` is what lasts.
 static const char *intern_name(family_cache *cache, skiplist *names, const char *const *name) {
-    if (auto *known = static_cast<copied_name *>(skiplist_search(names, name))) return known->name;
+    if (auto *known = (copied_name *)skiplist_search(names, name)) return known->name;
 
-    auto *node = static_cast<copied_name *>(zarn_malloc(sizeof(copied_name)));
+    auto *node = (copied_name *)zarn_malloc(sizeof(copied_name));
     if (node == nullptr) return nullptr;
     node->name = strdup(*name);
     if (node->name == nullptr) goto free_node;
@@ -122,7 +121,7 @@ static int32_t parse_line(uint32_t type, uint32_t key1, family_cache *cache, ski
     int32_t key2 = -1;
     int32_t inserted;
     bool is_number;
-    auto *stack = static_cast<stack_cache *>(zarn_malloc(sizeof(stack_cache)));
+    auto *stack = (stack_cache *)zarn_malloc(sizeof(stack_cache));
     if (stack == nullptr) goto failed;
 
     is_number = read_int32(entry->name, 10, &key2);
@@ -135,8 +134,7 @@ static int32_t parse_line(uint32_t type, uint32_t key1, family_cache *cache, ski
     }
 
     stack->module_count = entry->value_count;
-    stack->module_names = static_cast<const char **>(
-        zarn_malloc(static_cast<uint32_t>(entry->value_count) * static_cast<uint32_t>(sizeof(char *))));
+    stack->module_names = (const char **)zarn_malloc((uint32_t)entry->value_count * (uint32_t)sizeof(char *));
     if (stack->module_names == nullptr) goto free_stack;
     for (int32_t i = 0; i < entry->value_count; ++i) {
         stack->module_names[i] = intern_name(cache, names, &entry->values[i]);
@@ -153,14 +151,13 @@ free_stack:
     zarn_free(stack);
 failed:
     kern_log("zarn_util: parse_line(): failed to cache protocol stack %x %d %d %d (%08lx)\n",
-             static_cast<unsigned>(cache->family), static_cast<int>(type), static_cast<int>(key1),
-             static_cast<int>(key2), static_cast<unsigned long>(static_cast<uint32_t>(status)));
+             (unsigned)cache->family, (int)type, (int)key1, (int)key2, (unsigned long)(uint32_t)status);
     return status;
 }
 
 static void log_malformed(uint32_t type, const family_cache *cache, int32_t entry_number, const char *fault) {
     kern_log("zarn_util: malformed '%s' section in family %x - entry %d is %s\n", kSections[type].name,
-             static_cast<unsigned>(cache->family), static_cast<int>(entry_number), fault);
+             (unsigned)cache->family, (int)entry_number, fault);
 }
 
 // One stack entry, with what is wrong with it told. Only a failure that has nothing to do with the entry
@@ -194,7 +191,7 @@ static int32_t parse_section(uint32_t type, family_cache *cache, skiplist *names
             continue;
         }
         for (int32_t j = 0; status == 0 && j < child->child_count; ++j)
-            status = parse_entry(type, static_cast<uint32_t>(key1), cache, names, &child->children[j], i);
+            status = parse_entry(type, (uint32_t)key1, cache, names, &child->children[j], i);
     }
     return status;
 }
@@ -232,7 +229,7 @@ static void find_sub_sections(uint32_t family, const settings_parameter *family_
                 kern_log(
                     "zarn_util: discovered duplicate '%s' sub-section in family %x's section in zarn.conf - "
                     "ignoring\n",
-                    child->name, static_cast<unsigned>(family));
+                    child->name, (unsigned)family);
             }
         }
     }
@@ -253,18 +250,16 @@ int32_t cache_family(uint32_t family, family_cache **out) {
 
     family_section = find_family_section(kern_settings_tree(settings), family);
     if (family_section == nullptr) {
-        kern_log("zarn_util: unable to find address family %x's section in zarn.conf\n",
-                 static_cast<unsigned>(family));
+        kern_log("zarn_util: unable to find address family %x's section in zarn.conf\n", (unsigned)family);
         status = ERR_NO_FAMILY;
         goto unload_settings;
     }
     find_sub_sections(family, family_section, sections);
-    kern_log("zarn_util: cache_family(%x): found sections - in = %p, out = %p, dl = %p\n",
-             static_cast<unsigned>(family), static_cast<const void *>(sections[kStackIn]),
-             static_cast<const void *>(sections[kStackOut]),
-             static_cast<const void *>(sections[kStackDatalink]));
+    kern_log("zarn_util: cache_family(%x): found sections - in = %p, out = %p, dl = %p\n", (unsigned)family,
+             (const void *)sections[kStackIn], (const void *)sections[kStackOut],
+             (const void *)sections[kStackDatalink]);
 
-    cache = static_cast<family_cache *>(zarn_malloc(sizeof(family_cache)));
+    cache = (family_cache *)zarn_malloc(sizeof(family_cache));
     if (cache == nullptr) goto unload_settings;
     cache->family = family;
     cache->stacks = skiplist_new(compare_stack_cache, free_stack_cache, 0);
@@ -300,7 +295,7 @@ free_cache:
 unload_settings:
     kern_settings_unload(settings);
 failed:
-    kern_log("zarn_util: cache_family(): failed to cache 'domains' for family %x (%08lx)\n",
-             static_cast<unsigned>(family), static_cast<unsigned long>(static_cast<uint32_t>(status)));
+    kern_log("zarn_util: cache_family(): failed to cache 'domains' for family %x (%08lx)\n", (unsigned)family,
+             (unsigned long)(uint32_t)status);
     return status;
 }

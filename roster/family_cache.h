@@ -98,7 +98,7 @@ int32_t cache_family(uint32_t family, family_cache **out);
 
 // Where a stack's module tables are stored: `module_count` slots.
 inline void **module_slots(stack_cache *stack) {
-    return stack->type == kStackIn ? &stack->modules : static_cast<void **>(stack->modules);
+    return stack->type == kStackIn ? &stack->modules : (void **)stack->modules;
 }
 
 #endif

@@ -12,7 +12,7 @@
 // Pushes one protocol on the chain and lets it set itself up. Meanwhile the chain's head is still the
 // protocol below. Returns 0, or -1 with the chain as before.
 static int32_t add_proto_node(zarn_endpoint_t *ep, const protocol_module *module) {
-    auto *node = static_cast<proto_node *>(zarn_malloc(sizeof(proto_node)));
+    auto *node = (proto_node *)zarn_malloc(sizeof(proto_node));
     if (node == nullptr) {
         kern_log("zarn_util:add_proto_node: calloc failed\n");
         return -1;
@@ -37,22 +37,22 @@ int32_t ep_new_endpoint(zarn_endpoint_t **out, int32_t family, int32_t key1, int
     int32_t status = -1;
     void **tables;
     int32_t count;
-    auto *ep = static_cast<zarn_endpoint_t *>(zarn_malloc(sizeof(zarn_endpoint_t)));
+    auto *ep = (zarn_endpoint_t *)zarn_malloc(sizeof(zarn_endpoint_t));
     if (ep == nullptr) goto failed;
     if (zarn_create_tallylock(&ep->lock, "ep lock") < 0) goto free_endpoint;
 
     ep->inherited_blob.data = ep->inherited_blob.storage;
     ep->own_blob.data = ep->own_blob.storage;
-    ep->family = static_cast<uint32_t>(family);
-    ep->key1 = static_cast<uint32_t>(key1);
-    ep->key2 = static_cast<uint32_t>(key2);
+    ep->family = (uint32_t)family;
+    ep->key1 = (uint32_t)key1;
+    ep->key2 = (uint32_t)key2;
     ep->tuning_a = {0, 1, EP_TIMEOUT_FOREVER};
     ep->tuning_b = {0, 1, EP_TIMEOUT_FOREVER};
 
     status = get_outbound_protos(0, family, key1, key2, &tables, &count);
     if (status != 0) goto delete_lock;
     for (int32_t i = count - 1; i >= 0; --i) {
-        status = add_proto_node(ep, static_cast<const protocol_module *>(tables[i]));
+        status = add_proto_node(ep, (const protocol_module *)tables[i]);
         if (status != 0) goto take_down_chain;
     }
     ep->top_module = ep->protocols->module;
@@ -84,7 +84,7 @@ static void delete_children(zarn_endpoint_t *child) {
 }
 
 void delete_child(zarn_endpoint_t *child) {
-    const auto family = static_cast<int32_t>(child->family);
+    const auto family = (int32_t)child->family;
     ep_delete_endpoint(child);
     release_family_ref(family);
 }

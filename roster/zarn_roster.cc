@@ -27,10 +27,10 @@ int32_t init_roster() {
 }
 
 static int32_t print_cache_callback(void *item, void *) {
-    const auto *cache = static_cast<const family_cache *>(item);
+    const auto *cache = (const family_cache *)item;
     kern_log(
         "zarn_util: uninit_roster() called with family %d still loaded (%ld references outstanding)!!!\n",
-        static_cast<int>(cache->family), static_cast<long>(cache->ref_count));
+        (int)cache->family, (long)cache->ref_count);
     return 0;
 }
 
@@ -51,8 +51,7 @@ int32_t uninit_roster() {
 // Acquires all modules of the stack or none of them. Returns 0 or -1.
 static int32_t load_stack(stack_cache *stack) {
     if (stack->type != kStackIn) {
-        stack->modules =
-            zarn_malloc(static_cast<uint32_t>(stack->module_count) * static_cast<uint32_t>(sizeof(void *)));
+        stack->modules = zarn_malloc((uint32_t)stack->module_count * (uint32_t)sizeof(void *));
         if (stack->modules == nullptr) return -1;
     }
     void **tables = module_slots(stack);
@@ -62,7 +61,7 @@ static int32_t load_stack(stack_cache *stack) {
 
         kern_log("zarn_util: unable to load zarn module %s\n", path.text);
         while (--i >= 0)
-            kern_module_release(static_cast<const module_head *>(tables[i])->name);
+            kern_module_release(((const module_head *)tables[i])->name);
         if (stack->type != kStackIn) zarn_free(stack->modules);
         stack->modules = nullptr;
         return -1;
@@ -72,7 +71,7 @@ static int32_t load_stack(stack_cache *stack) {
 }
 
 static family_cache *find_family_locked(uint32_t family) {
-    return static_cast<family_cache *>(skiplist_search(gFamilyCaches, &family));
+    return (family_cache *)skiplist_search(gFamilyCaches, &family);
 }
 
 static void drop_family_locked(uint32_t family) {
@@ -99,12 +98,12 @@ static int32_t get_stack(uint32_t family, const stack_key &key, found_modules *f
         if (status != 0) goto unlock;
     }
 
-    stack = static_cast<stack_cache *>(skiplist_search(cache->stacks, &key));
+    stack = (stack_cache *)skiplist_search(cache->stacks, &key);
     if (stack == nullptr) {
         status = ERR_NO_STACK;
     } else if (!stack->loaded) {
-        kern_log("zarn_util: loading stack %x %d %d %d\n", static_cast<unsigned>(family),
-                 static_cast<int>(stack->type), static_cast<int>(stack->key1), static_cast<int>(stack->key2));
+        kern_log("zarn_util: loading stack %x %d %d %d\n", (unsigned)family, (int)stack->type,
+                 (int)stack->key1, (int)stack->key2);
         status = load_stack(stack);
     }
     if (status == 0 && stack->type != kStackIn) ++cache->ref_count;
@@ -127,10 +126,10 @@ int32_t get_outbound_protos(uint8_t dl, int32_t family, int32_t key1, int32_t ke
                             int32_t *count) {
     if (tables == nullptr || count == nullptr) return ERR_BAD_VALUE;
     found_modules found;
-    const stack_key key = {dl ? kStackDatalink : kStackOut, static_cast<uint32_t>(key1), key2};
-    const int32_t status = get_stack(static_cast<uint32_t>(family), key, &found);
+    const stack_key key = {dl ? kStackDatalink : kStackOut, (uint32_t)key1, key2};
+    const int32_t status = get_stack((uint32_t)family, key, &found);
     if (status != 0) return status;
-    *tables = static_cast<void **>(found.modules);
+    *tables = (void **)found.modules;
     *count = found.count;
     return 0;
 }
@@ -138,7 +137,7 @@ int32_t get_outbound_protos(uint8_t dl, int32_t family, int32_t key1, int32_t ke
 int32_t get_inbound_proto(int32_t family, int32_t key2, void **table) {
     if (table == nullptr) return ERR_BAD_VALUE;
     found_modules found;
-    const int32_t status = get_stack(static_cast<uint32_t>(family), {kStackIn, 0, key2}, &found);
+    const int32_t status = get_stack((uint32_t)family, {kStackIn, 0, key2}, &found);
     if (status != 0) return status;
     *table = found.modules;
     return 0;
@@ -147,11 +146,11 @@ int32_t get_inbound_proto(int32_t family, int32_t key2, void **table) {
 int32_t get_family_ref(int32_t family) {
     if (zarn_lock_tallylock(&gFamCacheLock) != 0) return -1;
     int32_t status = 0;
-    if (family_cache *cache = find_family_locked(static_cast<uint32_t>(family))) {
+    if (family_cache *cache = find_family_locked((uint32_t)family)) {
         ++cache->ref_count;
     } else {
-        kern_log("zarn_util: get_family_ref(%d) called, but family %d isn't loaded!\n",
-                 static_cast<int>(family), static_cast<int>(family));
+        kern_log("zarn_util: get_family_ref(%d) called, but family %d isn't loaded!\n", (int)family,
+                 (int)family);
         status = -1;
     }
     zarn_unlock_tallylock(&gFamCacheLock);
@@ -161,11 +160,11 @@ int32_t get_family_ref(int32_t family) {
 int32_t release_family_ref(int32_t family) {
     if (zarn_lock_tallylock(&gFamCacheLock) != 0) return -1;
     int32_t status = 0;
-    if (family_cache *cache = find_family_locked(static_cast<uint32_t>(family))) {
-        if (--cache->ref_count == 0) drop_family_locked(static_cast<uint32_t>(family));
+    if (family_cache *cache = find_family_locked((uint32_t)family)) {
+        if (--cache->ref_count == 0) drop_family_locked((uint32_t)family);
     } else {
-        kern_log("zarn_util: release_family_ref(%d) called, but family %d isn't loaded!\n",
-                 static_cast<int>(family), static_cast<int>(family));
+        kern_log("zarn_util: release_family_ref(%d) called, but family %d isn't loaded!\n", (int)family,
+                 (int)family);
         status = -1;
     }
     zarn_unlock_tallylock(&gFamCacheLock);
