@@ -54,11 +54,13 @@ extern profiler_record *gPad;  // null when there was no memory
 
 extern "C" {
 
+// Operations of the table: see <zarn/zarn_util.h>.
 void _enter_prof_func(const char *prefix, const char *suffix, int32_t flags);
 void _exit_prof_func(const char *prefix, const char *suffix, int32_t flags);
 }
 
-// Start or finish a measurement under `name`, which is cut to what a record holds. Thread level.
+// Start or finish a measurement under `name`, which is cut to what a record holds. What goes wrong is told in
+// the log, and the measurement is lost. Thread level.
 void start_profiler_record(const char *name);
 void finish_profiler_record(const char *name);
 
@@ -67,18 +69,20 @@ void finish_profiler_record(const char *name);
 int32_t pending_cmp(const void *item, const void *key);
 // By name alone.
 int32_t finished_cmp(const void *item, const void *key);
+// Frees a record. Returns 0.
 int32_t freerec(void *item);
 
 // Gives everything back, measurements under way included, and removes the commands: all is as when the module
 // was loaded. No call may be under way, and none may come until the module has been started again.
 void uninit_profiler();
 
-// The debugger commands: `prof_kern [n]` and so on. They print nothing without a pad or a finished record.
+// The debugger commands `prof_kern [n]`, `prof_real [n]` and `prof_func [n]`: the finished records, the first
+// `n` of them in order, all without `n`. They print nothing without a pad or a finished record. Return 0.
 int32_t dbg_kernel(int32_t argc, char **argv);
 int32_t dbg_real(int32_t argc, char **argv);
 int32_t dbg_func(int32_t argc, char **argv);
 
-// What they consist of.
+// What they consist of. With the machine stopped.
 
 // Copies the finished records into the pad, as many as it has room for, and returns how many.
 uint32_t load_pad();

@@ -23,15 +23,13 @@ struct bell {
     int32_t waiting;  // atomic: 1 from the announcement to the ring
 };
 
+// 0, or the semaphore's failure. A bell ends with its semaphore.
 inline int32_t create_bell(bell *bell, const char *name) {
     *bell = {kern_sem_create(0, name), 0};
     return bell->sem < 0 ? bell->sem : 0;
 }
 
-inline void delete_bell(bell *bell) {
-    kern_sem_delete(bell->sem);
-}
-
+// On one thread at a time, as the wait.
 inline void announce_wait(bell *bell) {
     kern_fetch_or(&bell->waiting, 1);
 }

@@ -23,6 +23,8 @@ struct line_source {
 // Opens the terminal that stdin is, or takes stdin as a script. False when there is no terminal that can be
 // opened.
 bool open_lines(line_source *source, bool script);
+
+// Gives the terminal back as it was. The history is gone.
 void close_lines(line_source *source);
 
 // The next line, without its end. False at the end of the input. On a terminal Ctrl-C starts the line anew.

@@ -19,6 +19,7 @@ struct progress_line {
     int32_t permille;  // atomic; how much of the work is done, -1 when nobody knows
 };
 
+// `path` has to stay. Shows nothing when stderr is no terminal.
 void start_progress(progress_line *line, zarn_util_module_t *util, const char *path);
 
 // `part` is how much of the work is done, from 0 to 1, or below 0 when nobody knows.

@@ -76,6 +76,7 @@ protocol_counts flush_protocols(const protocol_stack *stack);
 // Likewise, with nothing given back. At any time on the stack's thread.
 protocol_counts take_protocol_counts(const protocol_stack *stack);
 
+// Adds `counts` to `sum`.
 void add_protocol_counts(protocol_counts *sum, const protocol_counts &counts);
 
 // Makes all protocols that can be part of a host on the device, which stays as it is until they are detached.

@@ -34,6 +34,7 @@ struct host_service {
     ep_hook hook;               // datagrams on their data, listeners on ready children
 };
 
+// A connection that was accepted, until it is deleted.
 struct host_connection {
     host_services *services;
     service_kind kind;

@@ -58,7 +58,7 @@ struct tap_settings {
 // Opens the device, and the record. False, with what to do about it on stderr and nothing left.
 bool open_tap_device(tap_device *tap, const tap_settings &settings);
 
-// Makes the slots. False without memory.
+// Makes the slots. False, with a line on stderr, without memory.
 bool create_tap_slots(tap_device *tap, const protocol_stack *stack);
 
 // Returns how many slots are still out.
@@ -79,6 +79,7 @@ tap_read read_tap_frame(tap_device *tap, zarn_data_t **out);
 // An address of the network that the machine's side can have.
 std::string tap_peer_address(const tap_settings &settings);
 
+// The four bytes of an IPv4 address as people write them.
 std::string address_text(const uint8_t *address);
 
 #endif

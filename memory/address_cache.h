@@ -74,12 +74,13 @@ struct address_cache_t {
 
 static_assert(offsetof(address_cache_t, buckets) == 24 && sizeof(address_cache_t) == 24 + sizeof(void *));
 
+// Constant while the module is in service.
 extern address_cache_t *gAddressCache;
 
 // Makes the cache, empty. 0, ERR_NO_MEMORY, or -1 when the semaphore can't be had, with nothing left.
 int32_t init_address_cache();
 
-// Ends it. Specs that still exist are not touched.
+// Ends it, with nobody inside the lock. Specs that still exist are not touched.
 void uninit_address_cache();
 
 // Not recursive.
@@ -104,6 +105,7 @@ uint32_t fill_run_table(run_table *table, const memory_run *runs, uint32_t run_c
 
 extern "C" {
 
+// Operations of the table: see <zarn/zarn_util.h>.
 address_spec *cache_address_spec(void *addr, uint32_t length, int32_t thread);
 void free_address_spec(address_spec *spec);
 int32_t get_cached_memory_map(void *addr, uint32_t length, memory_run *table, uint32_t count);

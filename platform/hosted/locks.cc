@@ -33,9 +33,9 @@ int futex_wait(uint32_t *word, uint32_t value, int64_t caller_deadline) {
     timespec until = {};
     timespec *limit = nullptr;
     // A deadline that doesn't fit the seconds of a 32-bit timespec is 68 years away.
-    if (deadline / 1000000 < INT32_MAX) {
-        until.tv_sec = static_cast<time_t>(deadline / 1000000);
-        until.tv_nsec = static_cast<long>(deadline % 1000000 * 1000);
+    if (deadline / 1'000'000 < INT32_MAX) {
+        until.tv_sec = static_cast<time_t>(deadline / 1'000'000);
+        until.tv_nsec = static_cast<long>(deadline % 1'000'000 * 1000);
         limit = &until;
     }
     bool before = set_waiting(true);

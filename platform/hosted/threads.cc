@@ -29,7 +29,7 @@ constexpr int32_t kHostPriority = 10;  // shown for threads that the kernel didn
 constexpr uint32_t kRecordSize = 76;
 constexpr size_t kUserTimeAt = 52;
 constexpr size_t kKernelTimeAt = 60;
-constexpr int64_t kUsecPerSecond = 1000000;
+constexpr int64_t kUsecPerSecond = 1'000'000;
 
 struct thread_record {
     // Constant while the record is in the list.
@@ -148,8 +148,8 @@ void *run_thread(void *argument) {
     void *function_argument = from->argument;
     join_list(from->name, from->priority, from->image, true);
     from->id = tRecord.id;
-    __atomic_store_n(&from->born, 1,
-                     __ATOMIC_RELEASE);  // `from` may be gone from here on; pairs with kern_thread_spawn
+    // Pairs with the load in kern_thread_spawn. `from` may be gone from here on.
+    __atomic_store_n(&from->born, 1, __ATOMIC_RELEASE);
     hosted::futex_wake(&from->born, 1);
 
     char name[16];  // what the host takes
@@ -202,8 +202,8 @@ bool wait_for_ends(uintptr_t image, int32_t count, int64_t timeout) {
     int64_t deadline;
     if (__builtin_add_overflow(kern_time_us(), timeout, &deadline)) deadline = KERN_TIMEOUT_FOREVER;
     for (;;) {
-        uint32_t ends =
-            __atomic_load_n(&gEnds, __ATOMIC_ACQUIRE);  // before the count: an end in between changes it
+        // Before the count: an end in between changes it.
+        uint32_t ends = __atomic_load_n(&gEnds, __ATOMIC_ACQUIRE);
         if (count_threads_of(image) <= count) return true;
         if (kern_time_us() >= deadline) return false;
         hosted::futex_wait(&gEnds, ends, deadline);
