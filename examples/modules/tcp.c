@@ -42,7 +42,21 @@ static int read_segment(zarn_data_t *data, const sample_network_header *network,
                      .header = length,
                      .payload = data->user_word_1 - length,
                      .flags = header[kFlags]};
+    if (length > kShortestHeader) out->options = map_bytes(data, kShortestHeader, length - kShortestHeader);
     return 1;
+}
+
+const uint8_t *find_option(const segment *in, uint8_t kind) {
+    const uint8_t *option = in->options;
+    uint32_t left = option != NULL ? in->header - kShortestHeader : 0;
+    while (left != 0 && option[0] != 0) {
+        uint32_t step = option[0] == 1 ? 1 : left > 1 ? option[1] : 0;
+        if (step > left || (step < 2 && option[0] != 1)) break;
+        if (option[0] == kind) return option;
+        option += step;
+        left -= step;
+    }
+    return NULL;
 }
 
 static void receive(zarn_data_t *data, const sample_network_header *network) {

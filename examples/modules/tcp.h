@@ -10,6 +10,7 @@
 //     tcp_queue.c       the bytes that wait, in either direction
 //     tcp_output.c      makes segments and sends what may be sent
 //     tcp_congestion.c  how much may be under way, and for how long
+//     tcp_sack.c        what has come behind a hole, in either direction
 //     tcp_timer.c       what happens when nothing has happened
 
 #ifndef SAMPLE_TCP_H
@@ -30,7 +31,11 @@ typedef struct segment {
     uint32_t header;   // bytes, options included
     uint32_t payload;  // bytes on the wire
     uint8_t flags;
+    const uint8_t *options;  // valid as long as the buffer; null: none, or not captured
 } segment;
+
+// An option, its kind in byte 0 and its length in byte 1. Null: there is none in front of anything malformed.
+const uint8_t *find_option(const segment *in, uint8_t kind);
 
 extern const sample_protocol_module gTcp;
 

@@ -42,9 +42,13 @@ enum {
     kAmpleRoom = 64,             // frames; with fewer free ones everybody suffers
     kSendBytes = 256 * 1024,     // at which `send_bytes` refuses
     kSendPieces = 512,
-    kOwnShift = 3,         // RFC 7323: windows we tell are in units of 8 bytes, so that 256 KiB fit
-    kWindowField = 65535,  // what fits in the header
-    kInitialSegments = 10  // RFC 6928
+    kOwnShift = 3,          // RFC 7323: windows we tell are in units of 8 bytes, so that 256 KiB fit
+    kWindowField = 65535,   // what fits in the header
+    kInitialSegments = 10,  // RFC 6928
+    kSackPermitted = 4,     // the option
+    kToldBlocks = 4,        // as many as an option may have
+    kRecent = 5,            // one of them may give way to another
+    kSendings = 256         // segments under way to a peer that tells selectively; a power of two
 };
 
 // A buffer with bytes of a stream. On each queue pieces stand in the order of their bytes and don't overlap.
@@ -60,6 +64,18 @@ typedef struct tcp_queue {
     uint32_t pieces;
     uint32_t bytes;
 } tcp_queue;
+
+// A segment that was sent and isn't acknowledged. What is lost hasn't been sent again yet.
+typedef enum tcp_fate { kUnderWay, kArrived, kLost, kFates } tcp_fate;
+
+// Why it was sent: for the first time, because it was lost, or because nothing was heard.
+typedef enum tcp_cause { kFirst, kRepetition, kProbe } tcp_cause;
+
+typedef struct tcp_sending {
+    uint32_t start, end;  // sequence numbers, with that of a FIN
+    uint32_t number;      // of the latest sending
+    uint8_t fate, cause;  // of that
+} tcp_sending;
 
 typedef enum tcp_state { kSynReceived, kOpen, kTimeWait, kClosed } tcp_state;
 
@@ -86,15 +102,27 @@ typedef struct tcp_connection {
     uint8_t ending;                                 // a FIN stands at `queue_end`
     uint8_t finished_first;                         // it was sent before the peer's had come
 
-    // How much may be under way. RFC 5681, RFC 6582
+    // How much may be under way. RFC 5681, RFC 6582, RFC 6675
     uint32_t congestion_window, threshold;
     uint32_t recover;     // while recovering: what has to be acknowledged for the end of it
     uint32_t duplicates;  // acknowledgements of the same byte in a row
     uint8_t recovering;
+    uint32_t former_window, former_threshold;  // before the loss; 0: that can't be undone
+
+    // What is under way, and what the peer has told of it: see tcp_sack.c
+    uint8_t selective;                 // it can tell, and may be told; else none of this is used
+    uint8_t probes;                    // since something new was told
+    tcp_sending sent[kSendings];       // a ring, in the order of bytes
+    uint32_t first_sending, sendings;  // of which these are in use
+    uint32_t bytes_in[kFates];
+    uint32_t numbers, newest;  // the last number; the last that is known to have arrived
+    uint32_t reordering;       // by so many sendings a segment is overtaken only when it is lost
+    uint32_t repeated;         // sendings since the loss that aren't known to have been in vain
 
     // How long. RFC 6298; microseconds
     int64_t smoothed, variation;  // of the round trip; 0: none was measured
     int64_t timeout;
+    int64_t patience;  // the same without its shortest value
     int64_t timed_at;  // when the segment that ends before `timed_end` was sent
     uint32_t timed_end;
     uint8_t timing;
@@ -105,15 +133,17 @@ typedef struct tcp_connection {
     int64_t challenged_at;
 
     // Receiving
-    uint32_t first_received;  // the peer's SYN [IRS]
-    uint32_t next_expected;   // [RCV.NXT]
-    uint32_t window_end;      // what the peer has been allowed; never moves back [RCV.NXT + RCV.WND]
-    uint32_t own_shift;       // kOwnShift, or 0 for a peer that can't
-    tcp_queue received;       // in order; the client hasn't taken them
-    tcp_queue early;          // behind a hole
-    uint32_t fin;             // the number of the peer's FIN
-    uint8_t fin_seen;         // `fin` is valid
-    uint8_t peer_finished;    // and all before it has come
+    uint32_t first_received;        // the peer's SYN [IRS]
+    uint32_t next_expected;         // [RCV.NXT]
+    uint32_t window_end;            // what the peer has been allowed; never moves back [RCV.NXT + RCV.WND]
+    uint32_t own_shift;             // kOwnShift, or 0 for a peer that can't
+    tcp_queue received;             // in order; the client hasn't taken them
+    tcp_queue early;                // behind a hole
+    uint32_t fin;                   // the number of the peer's FIN
+    uint8_t fin_seen;               // `fin` is valid
+    uint8_t peer_finished;          // and all before it has come
+    uint32_t doubled, doubled_end;  // bytes that have come twice, to be told; none when they are the same
+    uint32_t recent[kRecent];       // a byte of each run behind a hole, the latest first
 
     // What `attend` has to do
     uint8_t owes_ack;
@@ -137,6 +167,12 @@ static inline uint32_t end_of(const tcp_piece *piece) {
 // Whether all that was sent has been acknowledged.
 static inline int all_acknowledged(const tcp_connection *c) {
     return c->unacknowledged == c->highest_sent;
+}
+
+// Whether it is worth to send something again before a time-out.
+static inline int may_probe(const tcp_connection *c) {
+    return c->selective && c->patience << c->probes < c->timeout &&
+           c->highest_sent - c->unacknowledged > c->segment_size;
 }
 
 static inline int fin_acknowledged(const tcp_connection *c) {
@@ -178,6 +214,7 @@ void send_probe(tcp_connection *c);      // what a living peer answers
 void send_reset(tcp_connection *c);
 void refuse_segment(const segment *in);  // which is for no connection
 void resend_first(tcp_connection *c);
+void resend_range(tcp_connection *c, uint32_t start, uint32_t end);  // `end` is behind a FIN in it
 void send_sliver(tcp_connection *c);  // what the window lets through, however little
 void send_what_may_go(tcp_connection *c);
 
@@ -185,9 +222,22 @@ void send_what_may_go(tcp_connection *c);
 void begin_sending(tcp_connection *c);
 void count_acknowledged(tcp_connection *c, uint32_t bytes);
 void count_duplicate(tcp_connection *c);
-void back_off(tcp_connection *c);              // time has run out
-int64_t probe_pause(const tcp_connection *c);  // between looks at a closed window
+void start_waiting(tcp_connection *c);
+int begin_recovery(tcp_connection *c, uint32_t end);  // of a lost segment; 0: that is no news
+void undo_recovery(tcp_connection *c);                // nothing was lost
+int probe_early(tcp_connection *c);                   // 0: it is not the time
+void back_off(tcp_connection *c);                     // time has run out
+int64_t probe_pause(const tcp_connection *c);         // between looks at a closed window
 uint32_t sendable_end(tcp_connection *c);
+
+// tcp_sack.c
+void note_arrival(tcp_connection *c, uint32_t start, uint32_t end);  // before the bytes are looked at
+uint32_t write_arrivals(tcp_connection *c, uint8_t *option);         // returns its bytes, which may be 0
+void note_sending(tcp_connection *c, uint32_t start, uint32_t end);  // of new bytes; there has to be a place
+void take_arrivals(tcp_connection *c, const segment *in);            // behind its acknowledgement
+int resend_lost(tcp_connection *c);                                  // the first segment; 0: none is lost
+void resend_doubtful(tcp_connection *c);                             // the first that nothing is known of
+void forget_arrivals(tcp_connection *c);                             // all counts as lost
 
 // tcp_timer.c
 int start_timer(void);  // 0: no memory

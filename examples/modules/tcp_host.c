@@ -153,28 +153,24 @@ void start_time_wait(tcp_connection *c) {
     note_end(c, SAMPLE_CLOSED);
 }
 
-// The options of a SYN. What is malformed ends them.
-static void read_options(const uint8_t *header, uint32_t length, tcp_connection *c) {
-    uint32_t segment_size = kDefaultSegment;
-    for (uint32_t i = kShortestHeader, step; i < length && header[i] != 0; i += step) {
-        step = header[i] == 1 ? 1 : i + 1 < length ? header[i + 1] : 0;
-        if (step == 0 || i + step > length || (step == 1 && header[i] != 1)) break;
-        if (header[i] == 2 && step == 4) segment_size = read16(header + i + 2);
-        if (header[i] == 3 && step == 3) {
-            c->window_shift = least(header[i + 2], kWidestShift);
-            c->own_shift = kOwnShift;
-        }
+static void read_options(const segment *in, tcp_connection *c) {
+    const uint8_t *size = find_option(in, 2), *scale = find_option(in, 3);
+    const uint8_t *permitted = find_option(in, kSackPermitted);
+    uint32_t segment_size = size != NULL && size[1] == 4 ? read16(size + 2) : kDefaultSegment;
+    if (scale != NULL && scale[1] == 3) {
+        c->window_shift = least(scale[2], kWidestShift);
+        c->own_shift = kOwnShift;
     }
+    c->selective = permitted != NULL && permitted[1] == 2;
     if (segment_size < kSmallestSegment) segment_size = kSmallestSegment;
     c->segment_size = least(segment_size, gDevice->mtu - 40);
 }
 
 // A SYN for a listener. Without room it is dropped, and the peer tries again. `first` is a number that ours
 // has to be behind: a former connection between the same ends has used those before it.
-static void begin_connection(const segment *in, zarn_data_t *data, zarn_endpoint_t *listener,
-                             const uint32_t *first) {
-    const uint8_t *peer = in->network->source, *header = map_bytes(data, 0, in->header);
-    int room = header != NULL && gConnections < kMostConnections;
+static void begin_connection(const segment *in, zarn_endpoint_t *listener, const uint32_t *first) {
+    const uint8_t *peer = in->network->source;
+    int room = gConnections < kMostConnections;
     tcp_connection *c = room ? gUtil->zarn_malloc(sizeof(tcp_connection)) : NULL;
     zarn_endpoint_t *child = c != NULL ? gUtil->ep_spawn_endpoint(listener) : NULL;
     if (child == NULL) {
@@ -202,7 +198,7 @@ static void begin_connection(const segment *in, zarn_data_t *data, zarn_endpoint
     c->timed_at = c->heard_at = c->sent_at = gNow;
     c->challenged_at = gNow - SECOND;
     c->resend_at = gNow + c->timeout;
-    read_options(header, in->header, c);
+    read_options(in, c);
 
     *link_to(peer, in->source_port, in->destination_port) = c;
     gConnections++;
@@ -211,14 +207,14 @@ static void begin_connection(const segment *in, zarn_data_t *data, zarn_endpoint
 }
 
 // A segment for which there is no connection [RFC 9293, 3.10.7.1 and 3.10.7.2].
-static void meet_stranger(const segment *in, zarn_data_t *data, const uint32_t *first) {
+static void meet_stranger(const segment *in, const uint32_t *first) {
     gUtil->zarn_lock_tallylock(&gLock);
     zarn_endpoint_t *listener = find_listener(in->destination_port);
     gUtil->zarn_unlock_tallylock(&gLock);
     if (listener == NULL || (in->flags & (kAck | kReset)) != 0) {
         refuse_segment(in);
     } else if ((in->flags & kSyn) != 0) {
-        begin_connection(in, data, listener, first);
+        begin_connection(in, listener, first);
     }
 }
 
@@ -239,7 +235,7 @@ void receive_segment(const segment *in, zarn_data_t *data) {
         take_segment(c, in, data);
         return;
     }
-    meet_stranger(in, data, first);
+    meet_stranger(in, first);
     gUtil->delete_zarn_data(data);
 }
 

@@ -21,6 +21,8 @@ static int acceptable(const tcp_connection *c, const segment *in) {
 static void answer_unacceptable(tcp_connection *c, const segment *in) {
     if ((in->flags & kReset) != 0) return;
     if (in->payload != 0 || (in->flags & kFin) != 0) {
+        if (!after(in->sequence + in->payload, c->next_expected))
+            note_arrival(c, in->sequence, in->sequence + in->payload);
         send_ack(c);
     } else {
         send_challenge(c);
@@ -69,10 +71,11 @@ static int take_acknowledgement(tcp_connection *c, const segment *in) {
         if (c->cursor != NULL && after(c->unacknowledged, c->cursor->sequence)) c->cursor = NULL;
         drop_before(&c->outgoing, c->unacknowledged);
         count_acknowledged(c, bytes);
-    } else if (bytes == 0 && outstanding && window == c->window && in->payload == 0 &&
+    } else if (!c->selective && bytes == 0 && outstanding && window == c->window && in->payload == 0 &&
                (in->flags & kFin) == 0) {
         count_duplicate(c);
     }
+    if (c->selective) take_arrivals(c, in);
     // A peer that answers is there, even if it takes nothing.
     if (c->window == 0 || all_acknowledged(c)) c->retries = 0;
     if (c->refused && c->outgoing.bytes <= kSendBytes / 2 && c->outgoing.pieces <= kSendPieces / 2) {
@@ -93,6 +96,7 @@ static void take_payload(tcp_connection *c, const segment *in, zarn_data_t *data
     uint32_t limit = c->fin_seen && !after(c->fin, c->window_end) ? c->fin : c->window_end;
     if (after(c->next_expected, first)) first = c->next_expected;
     if (after(end, limit)) end = limit;
+    note_arrival(c, in->sequence, end);
     if (!after(end, first) || c->peer_finished) {
         gUtil->delete_zarn_data(data);
     } else {
@@ -108,7 +112,7 @@ static void take_payload(tcp_connection *c, const segment *in, zarn_data_t *data
         clear_queue(&c->early);
     }
     // The peer learns of a hole from acknowledgements that come one for each segment behind it.
-    if (c->early.head != NULL && in->payload != 0) send_ack(c);
+    if ((c->early.head != NULL && in->payload != 0) || c->doubled != c->doubled_end) send_ack(c);
 }
 
 // The segment of a connection that has ended. Only the peer's FIN says that it hasn't heard so.

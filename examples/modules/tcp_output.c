@@ -8,7 +8,7 @@
 
 #include "sample_host.h"
 
-enum { kSynOptions = 8, kChecksum = 16 };  // bytes; place in the header
+enum { kMostOptions = 40, kChecksum = 16 };  // bytes; place in the header
 
 #define CHALLENGE_GAP (100 * MILLISECOND)
 
@@ -18,7 +18,7 @@ typedef struct header {
     uint32_t sequence, acknowledged;
     uint8_t flags;
     uint16_t window;
-    uint8_t options[kSynOptions];
+    uint8_t options[kMostOptions];
     uint32_t option_bytes;
 } header;
 
@@ -94,17 +94,23 @@ void send_syn_ack(tcp_connection *c) {
     header out = start_header(c, kSyn | kAck, c->unacknowledged);
     out.window = (uint16_t)least(c->window_end - c->next_expected, kWindowField);
     uint32_t segment_size = gDevice->mtu - 40;
-    uint8_t options[kSynOptions] = {2, 4,        (uint8_t)(segment_size >> 8), (uint8_t)segment_size, 1, 3,
-                                    3, kOwnShift};
-    copy_bytes(out.options, options, kSynOptions);
-    out.option_bytes = c->own_shift != 0 ? kSynOptions : 4;
+    const uint8_t all[] = {2, 4, (uint8_t)(segment_size >> 8), (uint8_t)segment_size, 1, 3, 3, kOwnShift},
+                  selective[] = {1, 1, kSackPermitted, 2};
+    out.option_bytes = c->own_shift != 0 ? 8 : 4;
+    copy_bytes(out.options, all, out.option_bytes);
+    if (c->selective) {
+        copy_bytes(out.options + out.option_bytes, selective, 4);
+        out.option_bytes += 4;
+    }
     send_segment(gUtil->new_zarn_data(), &out);
 }
 
 // Stands behind all that was sent, even while some of it is sent again: before that the peer would find it
 // old.
 void send_ack(tcp_connection *c) {
-    send_empty(c, kAck, c->highest_sent);
+    header out = start_header(c, kAck, c->highest_sent);
+    if (c->selective) out.option_bytes = write_arrivals(c, out.options);
+    send_segment(gUtil->new_zarn_data(), &out);
 }
 
 // Two ends that find each other's acknowledgements odd would go on for ever [RFC 5961, 7].
@@ -171,10 +177,8 @@ static void send_range(tcp_connection *c, uint32_t sequence, uint32_t length, ui
     send_segment(clone_outgoing(c, sequence, length), &out);
 
     c->sent_at = gNow;
-    if (all_acknowledged(c)) {
-        c->resend_at = gNow + c->timeout;
-        c->retries = c->shift = 0;
-    }
+    int first = all_acknowledged(c);
+    if (first) c->retries = c->shift = 0;
     if (!after(end, c->highest_sent)) {
         c->timing = 0;
         return;
@@ -185,7 +189,9 @@ static void send_range(tcp_connection *c, uint32_t sequence, uint32_t length, ui
         c->timed_end = end;
     }
     c->facts.server_bytes += end - fin - c->highest_sent;
+    if (c->selective) note_sending(c, sequence, end);
     c->highest_sent = end;
+    if (first || may_probe(c)) start_waiting(c);
     if (fin && !c->peer_finished) c->finished_first = 1;
 }
 
@@ -194,9 +200,14 @@ void resend_first(tcp_connection *c) {
     uint32_t length = least(c->segment_size, least(queued, sent));
     uint32_t end = c->unacknowledged + length;
     uint8_t fin = end == c->queue_end && c->highest_sent == end + 1;
-    send_range(c, c->unacknowledged, length, fin);
-    if (after(end + fin, c->next_sent)) c->next_sent = end + fin;
-    c->resend_at = gNow + c->timeout;
+    resend_range(c, c->unacknowledged, end + fin);
+}
+
+void resend_range(tcp_connection *c, uint32_t start, uint32_t end) {
+    uint8_t fin = (uint8_t)after(end, c->queue_end);
+    send_range(c, start, end - start - fin, fin);
+    if (after(end, c->next_sent)) c->next_sent = end;
+    if (start == c->unacknowledged) c->resend_at = gNow + c->timeout;
 }
 
 void send_sliver(tcp_connection *c) {
@@ -210,6 +221,8 @@ void send_sliver(tcp_connection *c) {
 // Sends as much as the peer's window and the network let through. A segment that is neither full nor the last
 // is held back, unless it fills half of the widest window that the peer has ever had [RFC 9293, 3.8.6.2.1].
 static void send_segments(tcp_connection *c) {
+    while (c->bytes_in[kUnderWay] + c->segment_size <= c->congestion_window && resend_lost(c))
+        continue;
     uint32_t limit = sendable_end(c);
     uint32_t all = c->queue_end + c->ending;
     while (after(limit, c->next_sent) && after(all, c->next_sent)) {

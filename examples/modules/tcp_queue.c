@@ -133,8 +133,8 @@ uint32_t room_for(const tcp_connection *c) {
 
 // Keeps bytes that lie in the window, none of which has been taken before. Bytes that there is no memory for
 // are as good as lost on the way: the peer sends them again. Bytes behind a hole may be thrown away at any
-// time, since nobody was told that they are here; so they give way to those that come in order, which is why
-// full memory can't stop everybody.
+// time, since even a peer that was told of them keeps them until they are acknowledged; so they give way to
+// those that come in order, which is why full memory can't stop everybody.
 void keep_payload(tcp_connection *c, uint32_t sequence, zarn_data_t *data) {
     int in_order = sequence == c->next_expected;
     if (in_order && gDevice->room(gDevice) == 0) visit_connections(drop_early);

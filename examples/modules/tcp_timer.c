@@ -80,6 +80,7 @@ static int is_too_dear(const tcp_connection *c) {
 }
 
 static void resend(tcp_connection *c) {
+    if (probe_early(c)) return;
     c->retries++;
     if (c->retries > (c->state == kSynReceived ? kSynAcks : kResends) || is_too_dear(c)) {
         give_up(c);

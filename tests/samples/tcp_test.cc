@@ -3,16 +3,19 @@
 // TCP as a host, on a network that is the test itself: what is sent is written down, what is received is made
 // up, and time is set. Everything is told as words, in the order in which it happens:
 //
-//     >FA:seq/ack+len   a segment for port 7 arrives, with these flags (F S R P A), numbers counted from the two
-//                       SYNs and payload; then perhaps "w" its window, "m" its MSS, "s" its window scale, "p" its
-//                       destination port; "?" for other bytes than belong there, "," with more in the batch
-//     <FA:seq/ack+len   a segment was sent; "w" tells the window, "o" the options; "*3": so many times; "'" numbers that were not used before
+//     >FA:seq/ack+len   a segment for port 7 arrives, with these flags (F S R P A), numbers counted from the
+//                       two SYNs and payload; then perhaps "w" its window, "m" its MSS, "s" its window scale,
+//                       "k" that it may be told selectively, "b" from-to a block that it tells, "p" its port;
+//                       "?" for other bytes than belong there, "," with more in the batch
+//     <FA:seq/ack+len   a segment was sent; "b" the blocks that it tells, "w" the window, "o" the options;
+//                       "*3": so many times; "'" numbers that were not used before
 //     take send:N end delete wait:MS room:N   what the client, the clock and the device do
 //     =N =N?M =end      what the client has taken; M bytes of it are wrong
 //     !ready !data !closed !failed            what the client was told
 
 #include <dlfcn.h>
 
+#include <algorithm>
 #include <cstring>
 #include <random>
 #include <sstream>
@@ -158,8 +161,14 @@ class tcp_test : public kernel_test {
         for (uint32_t i = 0; i < length; i++)
             if (bytes[header + i] != byte_at(start + i)) rest << "?", i = length;
         if ((flags & kSyn) != 0 && later) rest << "'";
-        if (header >= 24) rest << "om" << read(&bytes[22], 2);
-        if (header >= 28) rest << "s" << unsigned{bytes[27]};
+        if ((flags & kSyn) != 0) rest << "o";
+        for (uint32_t at = 20; at < header; at += bytes[at] == 1 ? 1 : bytes[at + 1]) {
+            if (bytes[at] == 2) rest << "m" << read(&bytes[at + 2], 2);
+            if (bytes[at] == 3) rest << "s" << unsigned{bytes[at + 2]};
+            if (bytes[at] == 4) rest << "k";
+            for (uint32_t i = at + 2; bytes[at] == 5 && i < at + bytes[at + 1]; i += 8)
+                rest << "b" << read(&bytes[i], 4) - base_ << "-" << read(&bytes[i + 4], 4) - base_;
+        }
         rest << "w" << read(&bytes[14], 2);
         note(word + rest.str());
     }
@@ -192,8 +201,24 @@ class tcp_test : public kernel_test {
             flags |= 1u << (strchr(kFlagNames, c) - kFlagNames);
         sscanf(word.c_str() + colon, ":%u/%u+%u", &sequence, &acknowledged, &length);
         const uint32_t segment_size = number_behind(word, 'm', 0), scale = number_behind(word, 's', 99);
-        const uint32_t header = 20 + (segment_size != 0 ? 4 : 0) + (scale != 99 ? 4 : 0);
-        std::vector<uint8_t> bytes(header + length);
+        std::vector<uint8_t> bytes(20);
+        auto add = [&](uint32_t value) {
+            bytes.resize(bytes.size() + 4);
+            write(&bytes[bytes.size() - 4], 4, value);
+        };
+        if (segment_size != 0) add(0x02040000 + segment_size);
+        if (scale != 99) add(0x01030300 + scale);
+        if (word.find('k') != std::string::npos) add(0x01010402);
+        const auto blocks = static_cast<uint32_t>(std::count(word.begin(), word.end(), 'b'));
+        if (blocks != 0) add(0x01010502 + 8 * blocks);
+        for (size_t at = word.find('b'); at != std::string::npos; at = word.find('b', at + 1)) {
+            uint32_t start = 0, end = 0;
+            sscanf(&word[at], "b%u-%u", &start, &end);
+            add(first_sent_ + start);
+            add(first_sent_ + end);
+        }
+        const auto header = static_cast<uint32_t>(bytes.size());
+        bytes.resize(header + length);
         write(&bytes[0], 2, client_port);
         write(&bytes[2], 2, number_behind(word, 'p', 7));
         write(&bytes[4], 4, base_ + sequence);
@@ -201,8 +226,6 @@ class tcp_test : public kernel_test {
         bytes[12] = static_cast<uint8_t>(header / 4 << 4);
         bytes[13] = static_cast<uint8_t>(flags);
         write(&bytes[14], 2, number_behind(word, 'w', 60000));
-        if (segment_size != 0) write(&bytes[20], 4, 0x02040000 + segment_size);
-        if (scale != 99) write(&bytes[header - 4], 4, 0x01030300 + scale);
         for (uint32_t i = 0; i < length; i++)
             bytes[header + i] = word.find('?') != std::string::npos ? 0x5a : byte_at(sequence + i);
         receive(bytes);
@@ -350,12 +373,16 @@ class tcp_test : public kernel_test {
         [](const sample_device *) { return kern_time_us(); }};
 };
 
-const std::string kMade = ">S:0 <SA:0/1 >A:1/1 !ready ";
+const std::string kMade = ">S:0 <SA:0/1 >A:1/1 !ready ", kTelling = ">S:0k <SA:0/1om100k >A:1/1 !ready ",
+                  kDistant = ">S:0k <SA:0/1 wait:50 >A:1/1 !ready ",
+                  kTenSent = kTelling +
+                             "send:1000 <A:1/1+100 <A:101/1+100 <A:201/1+100 <A:301/1+100 <A:401/1+100 "
+                             "<A:501/1+100 <A:601/1+100 <A:701/1+100 <A:801/1+100 <A:901/1+100 ";
 const struct {
     const char *name;
     std::string script;
 } kScripts[] = {
-    {"options", ">S:0m70s2w1000 <SA:0/1om100s3 >A:1/1w25 !ready send:120 <A:1/1+70"},
+    {"options", ">S:0m70s2kw1000 <SA:0/1om100s3k >A:1/1w25 !ready send:120 <A:1/1+70"},
     {"no options", ">S:0 <SA:0/1om100 >S:0 <SA:0/1om100 >A:1/1 !ready send:120 <A:1/1+100 <A:101/1+20"},
     {"echo", kMade + ">A:1/1+5 !data <A:1/6 take =5 send:5 <A:1/6+5 >A:6/6"},
     {"one acknowledgement for a batch", kMade + ">A:1/1+5, >A:6/1+5, >A:11/1+5 !data <A:1/16 take =15"},
@@ -421,6 +448,33 @@ const struct {
     {"again at once",
      kMade + "end <FA:1/1 >FA:1/2 !data !closed <A:2/2 >S:2 <A:2/2 >S:9 <SA:0/10' >A:10/1 !ready"},
     {"deleted", kMade + ">A:1/1+5 !data <A:1/6 delete <RA:1/6 >A:6/1 <R:1/0"},
+    {"tells of runs behind holes",
+     kTelling +
+         ">A:6/1+5 <A:1/1b6-11 >A:16/1+5 <A:1/1b16-21b6-11 >A:26/1+5 <A:1/1b26-31b16-21b6-11 >A:11/1+5 "
+         "<A:1/1b6-21b26-31 >A:36/1+5 <A:1/1b36-41b6-21b26-31 >A:46/1+5 <A:1/1b46-51b36-41b6-21b26-31 "
+         ">A:56/1+5 <A:1/1b56-61b46-51b36-41b6-21 >A:1/1+5 <A:1/21b56-61b46-51b36-41b26-31 !data"},
+    {"tells what has come twice", kTelling +
+                                      ">A:1/1+5 !data <A:1/6 >A:1/1+5 <A:1/6b1-6 >A:11/1+5 <A:1/6b11-16 "
+                                      ">A:11/1+3 <A:1/6b11-14b11-16 >A:3/1+8 <A:1/16b3-6 !data"},
+    {"fills holes", kTenSent + ">A:1/1b201-301 >A:1/1b201-401 <A:1/1+100 >A:1/1b201-501 >A:1/1b201-601 "
+                               ">A:1/1b201-701 <A:101/1+100 >A:1/1001 wait:9000"},
+    {"repeats what is lost again",
+     kTenSent +
+         "send:500 >A:1/1b101-201 <A:1001/1+100 >A:1/1b101-301 <A:1101/1+100 >A:1/1b101-401 <A:1/1+100 "
+         ">A:1/1b101-1201 <A:1201/1+100 <A:1301/1+100 <A:1401/1+100 >A:1/1b101-1401 >A:1/1b101-1501 "
+         "<A:1/1+100 >A:1/1501 wait:9000"},
+    {"learns that segments overtake others",
+     kTenSent +
+         ">A:1/1b301-401 <A:1/1+100 >A:1/401b1-101 send:2000 <A:1001/1+100 <A:1101/1+100 <A:1201/1+100 "
+         "<A:1301/1+100 >A:1/401b701-801 <A:1401/1+100 >A:1/401b701-901 <A:401/1+100 <A:1501/1+100"},
+    {"is told lies", kTenSent + ">A:1/1b1-901 >A:1/1b901-301 >A:1/1b501-1101 >A:1/1b0-4000000000b301-301 "
+                                ">A:1/1b2-401 <A:1/1+100"},
+    {"what was told is taken back",
+     kDistant + "send:300 <A:1/1+100 <A:101/1+100 <A:201/1+100 >A:1/1b101-301 wait:200 <A:1/1+100 wait:250 "
+                "<A:1/1+100 >A:1/101 <A:101/1+100 <A:201/1+100 >A:1/301 wait:9000"},
+    {"lost at the end",
+     kDistant + ">A:1/1w0 send:150 end >A:1/1 <A:1/1+100 <FA:101/1+50 wait:200 <A:1/1+100 >A:1/101 "
+                "wait:250 <FA:101/1+50 >A:1/152b101-152 wait:9000"},
     {"deleted while it waits",
      kMade + "end <FA:1/1 >FA:1/2 !data !closed <A:2/2 delete >FA:1/2 <A:2/2 wait:4100 >A:2/2 <R:2/0"},
 };
@@ -473,14 +527,19 @@ TEST_F(tcp_test, puts_the_bytes_together_from_any_pieces) {
 TEST_F(tcp_test, survives_anything_that_arrives) {
     std::mt19937 random(2);
     for (int i = 0; i < 20000; i++) {
-        if (child_ == nullptr || random() % 500 == 0) receive(">S:0");
-        std::vector<uint8_t> bytes(20 + random() % 120);
+        if (child_ == nullptr || random() % 500 == 0) receive(random() % 4 == 0 ? ">S:0" : ">S:0k");
+        std::vector<uint8_t> bytes(22 + random() % 120);
         for (uint8_t &byte : bytes)
             byte = static_cast<uint8_t>(random());
         write(&bytes[0], 4, 4000 << 16 | 7);
         write(&bytes[4], 4, base_ + 1 + taken_ + random() % 300 - 100);
-        write(&bytes[8], 4, random() % 8 == 0 ? static_cast<uint32_t>(random()) : highest_ - random() % 3);
+        write(&bytes[8], 4,
+              random() % 8 == 0 ? static_cast<uint32_t>(random())
+                                : highest_ - random() % (random() % 2 == 0 ? 3 : 999));
         bytes[12] = static_cast<uint8_t>((random() % 4 == 0 ? random() : 5) << 4);
+        for (size_t at = 22; at + 4 <= bytes.size(); at += 4)
+            write(&bytes[at], 4, highest_ - random() % 2000);
+        write(&bytes[20], 2, 0x0502 + 8 * (random() % 5));
         bytes[13] =
             static_cast<uint8_t>(random() % 4 == 0 ? random() & (random() % 4 == 0 ? 0xff : 0xf8) : 16u);
         receive(bytes);
