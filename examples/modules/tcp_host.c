@@ -19,6 +19,8 @@ enum {
     kWidestShift = 14
 };
 
+#define THINNING_GAP (100 * MILLISECOND)  // a look at all connections
+
 const sample_device *gDevice;
 const sample_protocol_module *gBelow;
 uint32_t gConnections;
@@ -166,6 +168,25 @@ static void read_options(const segment *in, tcp_connection *c) {
     c->segment_size = least(segment_size, gDevice->mtu - 40);
 }
 
+// Whose SYN was refused last, and when children were last sent away for it.
+static const zarn_endpoint_t *gCrowded;
+static int64_t gThinnedAt;
+
+static void give_up_if_silent(tcp_connection *c) {
+    if (c->state == kSynReceived && c->retries != 0 && c->endpoint->parent == gCrowded)
+        end_connection(c, SAMPLE_FAILED);
+}
+
+// Has the half-open connections that have not answered our SYN within its first time-out make room for
+// others, so that a flood of SYNs from nowhere does not close the door for longer. A SYN that was refused
+// comes again.
+static void thin_out(const zarn_endpoint_t *listener) {
+    if (gNow - gThinnedAt < THINNING_GAP) return;
+    gThinnedAt = gNow;
+    gCrowded = listener;
+    visit_connections(give_up_if_silent);
+}
+
 // A SYN for a listener. Without room it is dropped, and the peer tries again. `first` is a number that ours
 // has to be behind: a former connection between the same ends has used those before it.
 static void begin_connection(const segment *in, zarn_endpoint_t *listener, const uint32_t *first) {
@@ -176,6 +197,7 @@ static void begin_connection(const segment *in, zarn_endpoint_t *listener, const
     if (child == NULL) {
         gUtil->zarn_free(c);
         gCounts.refused++;
+        thin_out(listener);
         notify(SAMPLE_NOTIFY_BACKLOG_FULL, in->destination_port, peer, in->network->destination);
         return;
     }

@@ -504,6 +504,14 @@ TEST_F(tcp_test, refuses_what_the_backlog_has_no_room_for_until_it_has) {
     EXPECT_TRUE(fits(trace_.back(), "<SA:0/1"));
     tcp_->take_counts(&counts);
     EXPECT_EQ(counts.refused, 2u);
+    // Both places are taken again, by peers that don't answer. After a second they make room.
+    wait(1100);
+    receive(">S:0", 4);
+    const size_t before = trace_.size();
+    highest_ = 0;
+    receive(">S:0", 4);
+    ASSERT_GT(trace_.size(), before);
+    EXPECT_TRUE(fits(trace_[before], "<SA:0/1"));
 }
 
 TEST_F(tcp_test, puts_the_bytes_together_from_any_pieces) {
