@@ -140,26 +140,15 @@ struct scattered {
 };
 
 TEST(checksum_test, every_split_gives_the_same) {
-    constexpr uint32_t kSize = 9;
-    const bytes content = contents(kSize).back(), packet = contents(70000).back();
-    for (uint32_t code = 0; code < 4 * 1000; ++code) {
-        uint32_t a = code % 10, b = code / 10 % 10, c = code / 100 % 10, parities = code / 1000 * 5;
-        if (a > b || b > c) continue;
-        scattered buffer(content, std::array{a, b - a, c - b, kSize - c}, parities);
-        for (uint32_t offset = 0; offset < kSize; ++offset) {
-            for (uint32_t length = 0; offset + length <= kSize; ++length) {
-                SCOPED_TRACE(testing::Message() << code << ": " << length << " at " << offset);
-                buffer.expect(content, offset, length);
-            }
-        }
-    }
+    const bytes packet = contents(70000).back();
     std::mt19937 random(7);
-    for (int round = 0; round < 300; ++round) {
+    for (uint32_t round = 0; round < 6000; ++round) {
         std::vector<uint32_t> sizes = {1};
         for (uint32_t pieces = 1 + random() % 7; pieces > 0; --pieces)
-            sizes.push_back(random() % (pieces % 2 ? 60 : 8000));
+            sizes.push_back(random() % (round % 16 != 0 ? 5 : pieces % 2 ? 60 : 8000));
         scattered buffer(packet, sizes, random());
-        uint32_t offset = random() % buffer.data.length;
+        const uint32_t offset = random() % buffer.data.length;
+        SCOPED_TRACE(round);
         buffer.expect(packet, offset, random() % (buffer.data.length - offset + 1));
     }
 }

@@ -197,11 +197,4 @@ TEST_F(family_cache_test, each_failure_gives_its_status_and_lines_and_leaves_not
     skiplist_delete(gFamilyCaches, &kFamily);
 }
 
-TEST_F(family_cache_test, orders_by_the_wrapped_difference) {
-    for (uint32_t a : {0u, 1u, 0x7fffffffu, 0xfffffff0u}) {
-        for (uint32_t b : {0u, 1u, 0x7fffffffu, 0xfffffff0u})
-            EXPECT_EQ(compare_family_caches(&a, &b), static_cast<int32_t>(a - b)) << a << ' ' << b;
-    }
-}
-
 }  // namespace

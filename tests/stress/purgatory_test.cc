@@ -132,33 +132,6 @@ TEST_F(stress_test, InterruptsDeleteWhatThreadsShare) {
     EXPECT_GT(gInterruptDeletions, 0u) << "of " << gInterrupts << " interrupts";
 }
 
-// The purgatory without the other services, started and stopped by the tests themselves. A thread that finds its
-// semaphore dead, because the stop returned before it had left, makes the kernel log a line.
-class purgatory_storm : public ::testing::Test {
- protected:
-    void SetUp() override {
-        log_.clear();
-        hosted_set_log([](void *log, const char *text) { *static_cast<std::string *>(log) += text; }, &log_);
-        before_ = hosted_count_objects();
-        ASSERT_EQ(init_mempool(), 0);
-        gFrees = 0;
-    }
-    void TearDown() override {
-        EXPECT_TRUE(hosted_wait_for_threads(before_.threads, 5000000));
-        EXPECT_EQ(hosted_count_objects().semaphores, before_.semaphores);
-        EXPECT_EQ(uninit_mempool(), 0);
-        gMP = {};
-        hosted_set_log(nullptr, nullptr);
-        EXPECT_EQ(log_, "");
-    }
-
-    std::deque<element> elements;
-
- private:
-    std::string log_;  // the kernel logs one line at a time
-    hosted_counts before_;
-};
-
 // Steps the purgatory's thread through its own code, one instruction at a time, and holds it behind a number of them, or
 // in front of its acquire.
 std::atomic<int> gStepsLeft;
@@ -178,10 +151,17 @@ void step(int, siginfo_t *, void *context) {
 
 // The thread is held at every single instruction from a free function to the acquire of its sleep. Buffers are deleted
 // and the stop comes meanwhile; then the thread goes on, and must neither sleep for good nor leave a buffer behind.
-TEST_F(purgatory_storm, AStopFindsTheThreadAtEveryInstruction) {
+TEST_F(stress_test, AStopFindsTheThreadAtEveryInstruction) {
 #if defined(__SANITIZE_THREAD__) || defined(__SANITIZE_ADDRESS__)
     GTEST_SKIP() << "most of the instructions would be the sanitizer's, which must not be held";
 #endif
+    // A thread that finds its semaphore dead, because the stop returned before it had left, makes the kernel log it.
+    std::string log;
+    hosted_set_log([](void *to, const char *text) { *static_cast<std::string *>(to) += text; }, &log);
+    ASSERT_EQ(uninit_data_purgatory(), 0);
+    const int32_t others = hosted_count_objects().threads;
+    std::deque<element> elements;
+    gFrees = 0;
     struct sigaction action = {}, before;
     action.sa_sigaction = step;
     action.sa_flags = SA_SIGINFO | SA_RESTART;
@@ -204,8 +184,11 @@ TEST_F(purgatory_storm, AStopFindsTheThreadAtEveryInstruction) {
         gGoOn = true;
         stop.join();
         ASSERT_EQ(gFrees, static_cast<int>(elements.size())) << "step " << steps;
-        ASSERT_TRUE(hosted_wait_for_threads(0, 5000000));
+        ASSERT_TRUE(hosted_wait_for_threads(others, 5000000));
     }
+    EXPECT_EQ(log, "");
+    hosted_set_log([](void *, const char *) {}, nullptr);
+    ASSERT_EQ(init_data_purgatory(kPurgatoryThreshold), 0);
     EXPECT_GT(steps, 50) << "the thread wasn't held on its way";
     ASSERT_EQ(sigaction(SIGTRAP, &before, nullptr), 0);
 }
