@@ -10,8 +10,7 @@ using dump_test = module_test;
 template <typename... Args>
 static std::string print(const char *format, Args... args) {
     char line[200];
-    snprintf(line, sizeof line, format, args...);
-    return line;
+    return {line, static_cast<size_t>(snprintf(line, sizeof line, format, args...))};
 }
 
 // The lists are followed for 256 nodes, then they are said to loop.

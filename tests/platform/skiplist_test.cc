@@ -52,26 +52,22 @@ TEST(skiplist, agrees_with_a_set_over_random_operations) {
             gFreed.clear();
             auto at = model.lower_bound(value);
             bool known = at != model.end() && *at == value;
-            switch (random() % 3) {
-                case 0: {
-                    int *item = new int(value);
-                    gKey = item;
-                    ASSERT_EQ(skiplist_insert(list, item), known ? -1 : 1);
-                    if (known) delete item;
-                    model.insert(value);
-                    break;
-                }
-                case 1:
-                    ASSERT_EQ(skiplist_delete(list, &value), known ? 0 : -1);
-                    ASSERT_EQ(gFreed, known ? std::vector<int>{value} : std::vector<int>{});
-                    model.erase(value);
-                    break;
-                default:
-                    void *found = skiplist_search(list, &value);
-                    ASSERT_EQ(found != nullptr && *static_cast<int *>(found) == value, known);
-                    // The last comparison of a miss is with the next item or, at the end, the last one.
-                    ASSERT_TRUE(known || model.empty() ||
-                                gCompared.back() == (at == model.end() ? *model.rbegin() : *at));
+            if (const uint32_t action = random() % 3; action == 0) {
+                int *item = new int(value);
+                gKey = item;
+                ASSERT_EQ(skiplist_insert(list, item), known ? -1 : 1);
+                if (known) delete item;
+                model.insert(value);
+            } else if (action == 1) {
+                ASSERT_EQ(skiplist_delete(list, &value), known ? 0 : -1);
+                ASSERT_EQ(gFreed, std::vector<int>(known, value));
+                model.erase(value);
+            } else {
+                void *found = skiplist_search(list, &value);
+                ASSERT_EQ(found != nullptr && *static_cast<int *>(found) == value, known);
+                // The last comparison of a miss is with the next item or, at the end, the last one.
+                ASSERT_TRUE(known || model.empty() ||
+                            gCompared.back() == (at == model.end() ? *model.rbegin() : *at));
             }
             ASSERT_EQ(skiplist_count(list), static_cast<int32_t>(model.size()));
             if (step % 64 != 0) continue;

@@ -29,9 +29,8 @@ class zarn_roster_test : public roster_test {
         const int32_t status = get_outbound_protos(dl, family, key1, key2, &tables, &count);
         if (status != 0) {
             EXPECT_TRUE(tables == &nothing && count == -77);
-            return status == ERR_NO_STACK    ? "no stack"
-                   : status == ERR_NO_FAMILY ? "no family"
-                                             : std::to_string(status);
+            if (status == ERR_NO_STACK) return "no stack";
+            return status == ERR_NO_FAMILY ? "no family" : std::to_string(status);
         }
         std::string names;
         for (int32_t i = 0; i < count; ++i)

@@ -175,19 +175,17 @@ TEST_F(rwlock_test, RandomUseAgreesWithTheRules) {
     for (int step = 0; step < 3000; ++step) {
         int32_t id = 1 + static_cast<int32_t>(random() % kThreads);
         if (rules.waits(id)) continue;
-        using operations = std::vector<operation>;
-        const operations choices =
-            rules.in.count(id) != 0 ? operations{read_unlock, read_unlock, upgrade_to_write}
-            : rules.writer == id ? operations{write_unlock,     write_unlock, downgrade_to_read, write_lock,
-                                              upgrade_to_write, read_lock,    read_unlock}
-                                 : operations{read_lock, read_lock, write_lock};
+        std::vector<operation> choices = {read_lock, read_lock, write_lock};
+        if (rules.in.count(id) != 0) choices = {read_unlock, read_unlock, upgrade_to_write};
+        if (rules.writer == id)
+            choices = {write_unlock,     write_unlock, downgrade_to_read, write_lock,
+                       upgrade_to_write, read_lock,    read_unlock};
         operation op = choices[random() % choices.size()];
         SCOPED_TRACE(testing::Message() << "step " << step << " thread " << id);
         rules.apply(id, op);
         calls[id] = begun(id, op);
-        for (int32_t other = 1; other <= kThreads; ++other) {
+        for (int32_t other = 1; other <= kThreads; ++other)
             ASSERT_TRUE(!calls[other] || rules.waits(other) || calls[other]->join() == 0) << other;
-        }
         const bool draining = rules.writer == -1 && !rules.queue.empty();
         wait_until_blocked("rw Rw", static_cast<int32_t>(rules.waiting.size()));
         wait_until_blocked("rw rW2", draining);

@@ -127,24 +127,6 @@ TEST_F(timer_test, ANewHookCancelsAndTheEndsOfTimeAreNotTakenForIdleOrPast) {
     EXPECT_TRUE(called);
 }
 
-TEST_F(timer_test, AThreadThatWasKeptAwayCatchesUpOrSkips) {
-    for (int64_t ticks : {1, 2, 256, 257, 512}) {
-        SCOPED_TRACE(ticks);
-        std::vector<std::unique_ptr<probe>> timers;
-        for (int64_t slot = 0; slot < kTimerSlots; ++slot) {
-            timers.push_back(std::make_unique<probe>());
-            timers.back()->arm(slot * kTick);
-        }
-        pass(ticks);
-        for (int64_t slot = 0; slot < kTimerSlots; ++slot)
-            ASSERT_EQ(timers[slot]->fired, ticks <= 256 && slot < ticks) << slot;
-        for (int64_t left = 0; left < kTimerSlots; ++left)
-            pass();
-        for (auto &timer : timers)
-            ASSERT_EQ(timer->fired, 1u);
-    }
-}
-
 // Three timers in one slot; what the first hook does must not disturb the scan.
 TEST_F(timer_test, AHookMayDoAnythingToAnyTimer) {
     struct {
@@ -247,13 +229,14 @@ TEST_F(timer_test, TheDebuggerListsEveryTimerOrOne) {
     }
 }
 
-// Beside the wheel, the same timers in a list. A pass may leave one of them behind only after the
-// thread was kept away for more than half a lap, and then for no more than a lap.
+// Beside the wheel, the same timers in a list. A pass may leave one of them behind only after the thread was kept away
+// for more than half a lap, and then for no more than a lap. In the later half of a lap it fires none.
 TEST_F(timer_test, RandomUseAgreesWithAList) {
     std::mt19937 random(4096);
     auto below = [&](int64_t limit) { return static_cast<int64_t>(random() % static_cast<uint64_t>(limit)); };
     std::map<const probe *, int64_t> list;
     std::vector<std::unique_ptr<probe>> timers(60);
+    int fired = 0;
     const auto arm = [&](probe *timer, int64_t delay, bool replace) {
         timer->arm(delay, replace);
         if (replace) list.erase(timer);
@@ -265,6 +248,7 @@ TEST_F(timer_test, RandomUseAgreesWithAList) {
             ASSERT_TRUE(list.count(timer)) << "fired although it wasn't armed";
             ASSERT_GE(now(), (list[timer] / kTick + 1) * kTick) << "fired early";
             list.erase(timer);
+            ++fired;
             if (random() % 4 == 0) arm(timer, below(kLap), true);
         };
     }
@@ -283,9 +267,11 @@ TEST_F(timer_test, RandomUseAgreesWithAList) {
             int64_t to = now() + (random() % 8 != 0 ? below(4) : below(600)) * kTick + below(kTick);
             passes = to >= gZarnTimerData.next_wakeup;
             int64_t ticks = to / kTick - (gZarnTimerData.next_wakeup - kTick) / kTick;
+            fired = 0;
             set_time(to);
             wait_until_asleep("zarn_timer");
             if (passes && ticks > 256) excused_until = to + kLap;
+            ASSERT_TRUE(!passes || (ticks - 1) % kTimerSlots < 256 || fired == 0) << "not skipped";
         }
         expect_sound_wheel();
         for (auto &[armed, appt] : list) {
