@@ -98,22 +98,6 @@ TEST_F(zarn_util_test, TheLoaderFindsOneRecordThatStartsAndStopsAndDoesNothingEl
     EXPECT_EQ(changes(), stopped(std::size(kStages)));
 }
 
-TEST_F(zarn_util_test, AStopThatTheRosterRefusesTakesNothingDownButTheCommand) {
-    auto *util = static_cast<const zarn_util_module_t *>(modules[0]);
-    protocol_module below = {{"network/below", 0, nullptr}, nullptr, nullptr};
-    test_kernel::provide_module("network/below", &below);
-    test_kernel::provide_settings("zarn.conf", "domains {\n2 {\nout {\n1 {\n6 below\n}\n}\n}\n}");
-    ASSERT_EQ(std_ops(MODULE_START), 0);
-    void **tables;
-    int32_t count;
-    ASSERT_EQ(util->get_outbound_protos(0, 2, 1, 6, &tables, &count), 0);
-    changes();
-    EXPECT_EQ(std_ops(MODULE_STOP), -1);
-    EXPECT_EQ(changes(), kStages[0].stop);
-    EXPECT_EQ(util->release_family_ref(2), 0);
-    EXPECT_EQ(start_or_stop(MODULE_STOP), 0);
-}
-
 // Every failure in turn, of the start or of the stop behind it.
 TEST_F(zarn_util_test, AFailedStartStopsExactlyWhatStandsAndGivesMinusOne) {
     std::set<size_t> stages_begun;
