@@ -176,7 +176,7 @@ void prompt(const char *message, int32_t) {
         if (!run_line(line.c_str(), output))
             fprintf(output, "There is no command '%s'; 'help' lists them.\n", word.c_str());
     }
-    fflush(output);
+    end_lines(&gLines);
 }
 
 void on_quit(const siginfo_t *) {

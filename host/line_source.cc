@@ -30,6 +30,16 @@ unsigned char cancel_line(EditLine *editor, wint_t) {
     return CC_NEWLINE;
 }
 
+// The keys that raise signals are ordinary ones until end_lines: a signal would meet a thread that stands
+// still. The editor alone is too late for that: it shows its first prompt before it sets the terminal.
+void take_signal_keys(line_source *source) {
+    termios quiet;
+    if (source->takes_signal_keys || tcgetattr(fileno(source->terminal), &source->before) != 0) return;
+    quiet = source->before;
+    quiet.c_lflag &= ~static_cast<tcflag_t>(ISIG);
+    source->takes_signal_keys = tcsetattr(fileno(source->terminal), TCSADRAIN, &quiet) == 0;
+}
+
 // Not before the first line is wanted: a terminal of an unknown kind is told of then, and no sooner.
 bool make_editor(line_source *source) {
     source->history = history_init();
@@ -40,8 +50,8 @@ bool make_editor(line_source *source) {
     el_set(source->editor, EL_PROMPT, prompt_text);
     el_set(source->editor, EL_EDITOR, "emacs");
     el_set(source->editor, EL_HIST, history, source->history);
-    // The keys that raise signals are ordinary ones here: a signal would meet a thread that stands still.
-    el_set(source->editor, EL_SETTY, "-d", "-isig", nullptr);
+    for (const char *mode : {"-d", "-x"})  // while a line is read, and between two
+        el_set(source->editor, EL_SETTY, mode, "-isig", nullptr);
     // The other form of this call keeps copies of the texts for good.
     el_wset(source->editor, EL_ADDFN, L"cancel-line", L"Starts the line anew", cancel_line);
     el_set(source->editor, EL_BIND, "^C", "cancel-line", nullptr);
@@ -51,7 +61,8 @@ bool make_editor(line_source *source) {
 }  // namespace
 
 bool open_lines(line_source *source, bool script) {
-    *source = {stdout, nullptr, nullptr, nullptr};
+    *source = {};
+    source->output = stdout;
     if (isatty(STDIN_FILENO) != 1) return script;
     int file = open("/proc/self/fd/0", O_RDWR | O_NOCTTY | O_CLOEXEC);
     source->terminal = file < 0 ? nullptr : fdopen(file, "r+");
@@ -64,10 +75,19 @@ bool open_lines(line_source *source, bool script) {
 }
 
 void close_lines(line_source *source) {
-    if (source->editor != nullptr) el_end(source->editor);
+    if (source->editor != nullptr) {
+        el_end(source->editor);
+        tcsetattr(fileno(source->terminal), TCSADRAIN, &source->before);
+    }
     if (source->history != nullptr) history_end(source->history);
     if (source->terminal != nullptr) fclose(source->terminal);
     *source = {};
+}
+
+void end_lines(line_source *source) {
+    fflush(source->output);
+    if (source->takes_signal_keys) tcsetattr(fileno(source->terminal), TCSADRAIN, &source->before);
+    source->takes_signal_keys = false;
 }
 
 bool read_line(line_source *source, std::string *line) {
@@ -78,6 +98,7 @@ bool read_line(line_source *source, std::string *line) {
             *line += static_cast<char>(byte);
         return byte != EOF || !line->empty();
     }
+    take_signal_keys(source);
     if (source->editor == nullptr && !make_editor(source)) return false;
     const char *text;
     int length;
