@@ -176,7 +176,7 @@ class tcp_test : public kernel_test {
     void note(const std::string &word) { trace_.push_back(word); }
 
     void attend() {
-        attention_ = 0;
+        __atomic_store_n(&attention_, 0, __ATOMIC_SEQ_CST);
         tcp_->host->attend();
         accept();
     }
