@@ -17,7 +17,7 @@ static_assert((kAddressBuckets & (kAddressBuckets - 1)) == 0);
 static_assert(kStrideShift >= kPageShift);
 
 int32_t init_address_cache() {
-    const size_t bucket_bytes = kAddressBuckets * sizeof(address_link *);
+    const size_t bucket_bytes = kAddressBuckets * sizeof(void *);
     address_cache_t *cache = (address_cache_t *)malloc(sizeof(address_cache_t) + bucket_bytes);
     if (cache == nullptr) return ERR_NO_MEMORY;
     cache->buckets = (address_link **)(cache + 1);
