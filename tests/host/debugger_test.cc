@@ -47,6 +47,7 @@ class terminal {
             _exit(127);
         }
     }
+    bool is_open() const { return child_ > 0; }
     // Types, and gives what is shown until `end`, or until the terminal closes.
     std::string type(const std::string &keys, const std::string &end) {
         EXPECT_EQ(write(file_, keys.data(), keys.size()), static_cast<ssize_t>(keys.size()));
@@ -76,6 +77,7 @@ class terminal {
 TEST(debugger, prompts_at_the_terminal_while_everything_stands) {
     for (const char *mode : {"--drop", "--interrupt"}) {
         terminal zarn({"replay", "--debug", "--rate", "20", mode, kSample});
+        if (!zarn.is_open()) GTEST_SKIP() << "no pseudo terminal can be had here";
         EXPECT_TRUE(has(zarn.type("", "(zarn) "), "by thread 1, \"zarn\": --debug"));
         for (auto [command, line] : kLists)
             EXPECT_TRUE(has(zarn.type(command + std::string("\n"), "\n(zarn) "), line));
