@@ -63,6 +63,17 @@ void note_done(host_connection *connection) {
     connection->services->done.push_back(connection);
 }
 
+// What has come. Null when nothing is there; behind the last of it this side ends, too.
+zarn_data_t *take_bytes(host_connection *connection) {
+    zarn_data_t *taken;
+    const int32_t status = connection->can->take_bytes(connection->endpoint, &taken);
+    if (status == SAMPLE_NO_MORE) {
+        connection->sending_ended = true;
+        connection->can->end_sending(connection->endpoint);
+    }
+    return status == 0 ? taken : nullptr;
+}
+
 // Sends what has come as long as the connection takes it. Without memory for an echo the connection can only
 // be given up: deleted before its end, it is reset.
 void echo_bytes(host_connection *connection) {
@@ -70,13 +81,8 @@ void echo_bytes(host_connection *connection) {
     zarn_util_module_t *util = services->util;
     while (!connection->done && !connection->sending_ended) {
         if (connection->unsent == nullptr) {
-            zarn_data_t *taken;
-            const int32_t status = connection->can->take_bytes(connection->endpoint, &taken);
-            if (status == SAMPLE_NO_MORE) {
-                connection->sending_ended = true;
-                connection->can->end_sending(connection->endpoint);
-            }
-            if (status != 0) return;
+            zarn_data_t *taken = take_bytes(connection);
+            if (taken == nullptr) return;
             connection->unsent = clone_payload(util, taken);
             if (connection->unsent == nullptr) {
                 note_done(connection);
@@ -99,13 +105,8 @@ void echo_bytes(host_connection *connection) {
 void discard_bytes(host_connection *connection) {
     host_services *services = connection->services;
     while (!connection->sending_ended) {
-        zarn_data_t *taken;
-        const int32_t status = connection->can->take_bytes(connection->endpoint, &taken);
-        if (status == SAMPLE_NO_MORE) {
-            connection->sending_ended = true;
-            connection->can->end_sending(connection->endpoint);
-        }
-        if (status != 0) return;
+        zarn_data_t *taken = take_bytes(connection);
+        if (taken == nullptr) return;
         services->counts.discarded_bytes += taken->length;
         services->util->delete_zarn_data(taken);
     }
